@@ -1,0 +1,46 @@
+# make test       install what the project needs, build, run every test
+# make test-asan  the same under AddressSanitizer and UndefinedBehaviorSanitizer
+# make run        build and show the program at work
+# make bench      build and run the benchmarks in bench/
+
+BUILD      := build
+ASAN_BUILD := build-asan
+BENCH_BUILD:= build-bench
+CMAKE_GEN  := -G Ninja
+
+.PHONY: all deps build test test-asan run bench format clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+build: deps
+	@cmake -S . -B $(BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@cmake --build $(BUILD) -j2
+
+test: build
+	ctest --test-dir $(BUILD) --output-on-failure -j2
+
+test-asan: deps
+	@cmake -S . -B $(ASAN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DVESK_SANITIZE=ON >/dev/null
+	@cmake --build $(ASAN_BUILD) -j2
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:halt_on_error=1 \
+	UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+	  ctest --test-dir $(ASAN_BUILD) --output-on-failure -j2
+
+run: deps
+	@cmake -S . -B $(BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@cmake --build $(BUILD) -j2 >/dev/null || cmake --build $(BUILD) -j2
+	@scripts/demo $(BUILD)
+
+bench: deps
+	@cmake -S . -B $(BENCH_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Release -DVESK_BUILD_BENCH=ON >/dev/null
+	@cmake --build $(BENCH_BUILD) -j2
+	@for b in $(BENCH_BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
+
+format:
+	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD)

@@ -1,0 +1,16 @@
+#include "foundation/Error.h"
+
+#include <fmt/format.h>
+
+namespace vesk {
+
+std::string Error::localizedDescription() const {
+  if (const std::string* text = userInfo_[kLocalizedDescriptionKey].string()) return *text;
+  return fmt::format("The operation couldn\u2019t be completed. ({} error {}.)", domain_, code_);
+}
+
+std::string Error::description() const {
+  return fmt::format("Error Domain={} Code={} \"{}\"", domain_, code_, localizedDescription());
+}
+
+}  // namespace vesk

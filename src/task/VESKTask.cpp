@@ -1,0 +1,69 @@
+#include "task/VESKTask.h"
+
+#include <fmt/format.h>
+
+#include <cstdio>
+
+#include "foundation/Exception.h"
+#include "foundation/PropertyList.h"
+#include "foundation/StringHelpers.h"
+
+namespace vesk {
+
+ChildProcessPlan VESKTask::planFor(const Command& command) {
+  if (command.empty()) throw Exception("NSRangeException", "The command is empty.");
+  ChildProcessPlan plan;
+  plan.path = command.front();
+  plan.arguments.assign(command.begin() + 1, command.end());
+  childEnvironment_.reset();
+  setupEnvironment();
+  plan.environment = childEnvironment_;
+  return plan;
+}
+
+std::string VESKTask::executeAndAnswerPromptWith(const Command& command,
+                                                 const std::optional<std::string>& answer,
+                                                 Error* error, bool ignoreStderr) {
+  std::unique_ptr<ChildProcess> child;
+  std::string output;
+  try {
+    ChildProcessPlan plan = planFor(command);
+    plan.input = StdioMode::kPipe;
+    plan.output = StdioMode::kPipe;
+    plan.error = ignoreStderr ? StdioMode::kPipe : StdioMode::kSameAsStdout;
+    child = ChildProcess::launch(plan);
+    processId_ = child->processIdentifier();
+    if (answer) {
+      child->writeInput(*answer);
+      child->writeInput("\n");
+      child->closeInput();
+    }
+    output = child->readOutputToEnd();
+    const int status = child->waitUntilExit();
+    if (status != 0) setError(error, Error(VESKTaskErrorDomain, status));
+  } catch (const std::exception&) {
+    Array description;
+    for (const std::string& word : command) description.emplace_back(word);
+    logError(
+        fmt::format("Error executing command: {}", Value(std::move(description)).description()),
+        true);
+    setError(error, Error(VESKTaskErrorDomain, child ? child->terminationStatus() : 0));
+    output.clear();
+  }
+  return strip(makeValidUtf8(output));
+}
+
+Value VESKTask::executeReturningPlist(const Command& command, Error* error) {
+  const std::string output = execute(command, error);
+  return propertyListFromBytes(output);
+}
+
+void VESKTask::writeToConsole(const std::string& text) {
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fputc('\n', stdout);
+  std::fflush(stdout);
+}
+
+void VESKTask::logError(const std::string&, bool) {}
+
+}  // namespace vesk

@@ -1,0 +1,44 @@
+#include "task/VKLocalTask.h"
+
+#include <fmt/format.h>
+
+#include <vector>
+
+#include "foundation/Paths.h"
+#include "logging/VKLogging.h"
+
+extern char** environ;
+
+namespace vesk {
+
+void VKLocalTask::writeToConsole(const std::string& text) {
+  VKLogging::synchronizedPrintln("{}", text);
+}
+
+void VKLocalTask::logError(const std::string& message, bool verbose) {
+  // Console only: the client log file has no writer in this program yet.
+  if (verbose) {
+    VKLogging::printlnVerbose("{}", message);
+  } else {
+    VKLogging::println("{}", message);
+  }
+}
+
+void VKLocalTask::setupEnvironment() {
+  const std::string toolFolder = fsPath("/usr/local/vesk/bin");
+  std::vector<std::string> environment;
+  bool sawPath = false;
+  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+    std::string variable(*entry);
+    if (variable.rfind("PATH=", 0) == 0) {
+      // An empty PATH gains no leading ":", which a shell would read as the current folder.
+      variable += variable.size() > 5 ? fmt::format(":{}", toolFolder) : toolFolder;
+      sawPath = true;
+    }
+    environment.push_back(std::move(variable));
+  }
+  if (!sawPath) environment.push_back("PATH=" + toolFolder);
+  setChildEnvironment(std::move(environment));
+}
+
+}  // namespace vesk

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <string>
+
+#include "task/VESKTask.h"
+
+namespace vesk {
+
+// The task runner of the command-line programs: prints through VKLogging, and runs children
+// with the client's tool folder last on their search path.
+class VKLocalTask : public VESKTask {
+ protected:
+  void writeToConsole(const std::string& text) override;
+  void logError(const std::string& message, bool verbose) override;
+  // This process's environment with ":" and the client's tool folder appended to PATH.
+  void setupEnvironment() override;
+};
+
+}  // namespace vesk

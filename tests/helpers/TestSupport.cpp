@@ -1,0 +1,72 @@
+#include "helpers/TestSupport.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "platform/ChildProcess.h"
+
+extern char** environ;
+
+namespace vesk::test {
+
+ProgramResult runProgram(const std::string& path, const std::vector<std::string>& arguments,
+                         const std::vector<std::string>& environment, bool mergeStderr) {
+  ChildProcessPlan plan;
+  plan.path = path;
+  plan.arguments = arguments;
+  plan.environment = environment;
+  plan.input = StdioMode::kPipe;
+  plan.output = StdioMode::kPipe;
+  plan.error = mergeStderr ? StdioMode::kSameAsStdout : StdioMode::kInherit;
+  auto child = ChildProcess::launch(plan);
+  child->closeInput();
+  ProgramResult result;
+  result.output = child->readOutputToEnd();
+  result.status = child->waitUntilExit();
+  return result;
+}
+
+std::vector<std::string> environmentWithout(const std::vector<std::string>& names) {
+  std::vector<std::string> out;
+  for (char** e = environ; *e != nullptr; ++e) {
+    const std::string entry(*e);
+    bool drop = false;
+    for (const std::string& name : names) drop = drop || entry.rfind(name + "=", 0) == 0;
+    if (!drop) out.push_back(entry);
+  }
+  return out;
+}
+
+TemporaryFolder::TemporaryFolder() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "vesk-test-XXXXXX").string();
+  if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = pattern;
+}
+
+TemporaryFolder::~TemporaryFolder() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+std::filesystem::path TemporaryFolder::write(const std::string& relative,
+                                             const std::string& content, unsigned mode) const {
+  const std::filesystem::path file = path_ / relative;
+  std::filesystem::create_directories(file.parent_path());
+  std::ofstream(file, std::ios::binary | std::ios::trunc) << content;
+  ::chmod(file.c_str(), mode);
+  return file;
+}
+
+std::string readFile(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream buffer;
+  buffer << in.rdbuf();
+  return buffer.str();
+}
+
+}  // namespace vesk::test

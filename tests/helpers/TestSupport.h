@@ -1,0 +1,42 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace vesk::test {
+
+struct ProgramResult {
+  int status = -1;
+  std::string output;  // standard output, and standard error when merged
+};
+
+// Runs `path` with `arguments` and the environment `environment` ("NAME=value" entries; the
+// test's own environment when empty is not wanted, pass it explicitly), and waits for it.
+ProgramResult runProgram(const std::string& path, const std::vector<std::string>& arguments,
+                         const std::vector<std::string>& environment, bool mergeStderr = false);
+
+// This process's environment without the named variables.
+std::vector<std::string> environmentWithout(const std::vector<std::string>& names);
+
+// A fresh folder under the system's temporary folder, removed with its contents at the end.
+class TemporaryFolder {
+ public:
+  TemporaryFolder();
+  ~TemporaryFolder();
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+  const std::filesystem::path& path() const { return path_; }
+  // Writes a file below the folder, creating its parents; `mode` applies to it.
+  std::filesystem::path write(const std::string& relative, const std::string& content,
+                              unsigned mode = 0644) const;
+
+ private:
+  std::filesystem::path path_;
+};
+
+std::string readFile(const std::filesystem::path& path);
+
+}  // namespace vesk::test
