@@ -87,7 +87,7 @@ bool isNumeric(std::string_view text) {
   const std::string trimmed = strip(text);
   if (trimmed.empty() || !isValidUtf8(trimmed)) return false;
   static GRegex* const kNumber =
-      g_regex_new("((^(-)?\\d*(\\.\\d+)?$)|(^(-)?\\d+\\.$))", G_REGEX_OPTIMIZE,
+      g_regex_new(R"(((^(-)?\d*(\.\d+)?$)|(^(-)?\d+\.$)))", G_REGEX_OPTIMIZE,
                   static_cast<GRegexMatchFlags>(0), nullptr);
   GMatchInfo* info = nullptr;
   const bool matched = g_regex_match_full(kNumber, trimmed.data(), trimmed.size(), 0,

@@ -10,6 +10,11 @@
 extern char** environ;
 
 namespace vesk {
+namespace {
+
+constexpr const char* kPathVariable = "PATH";
+
+}  // namespace
 
 void VKLocalTask::writeToConsole(const std::string& text) {
   VKLogging::synchronizedPrintln("{}", text);
@@ -26,18 +31,19 @@ void VKLocalTask::logError(const std::string& message, bool verbose) {
 
 void VKLocalTask::setupEnvironment() {
   const std::string toolFolder = fsPath("/usr/local/vesk/bin");
+  const std::string pathPrefix = std::string(kPathVariable) + "=";
   std::vector<std::string> environment;
   bool sawPath = false;
   for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
     std::string variable(*entry);
-    if (variable.rfind("PATH=", 0) == 0) {
+    if (variable.rfind(pathPrefix, 0) == 0) {
       // An empty PATH gains no leading ":", which a shell would read as the current folder.
-      variable += variable.size() > 5 ? fmt::format(":{}", toolFolder) : toolFolder;
+      variable += variable.size() > pathPrefix.size() ? fmt::format(":{}", toolFolder) : toolFolder;
       sawPath = true;
     }
     environment.push_back(std::move(variable));
   }
-  if (!sawPath) environment.push_back("PATH=" + toolFolder);
+  if (!sawPath) environment.push_back(pathPrefix + toolFolder);
   setChildEnvironment(std::move(environment));
 }
 
