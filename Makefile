@@ -35,7 +35,7 @@ run: deps
 	@scripts/demo $(BUILD)
 
 bench: deps
-	@cmake -S . -B $(BENCH_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Release -DVESK_BUILD_BENCH=ON >/dev/null
+	@cmake -S . -B $(BENCH_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Release -DVESK_BUILD_BENCH=ON -DVESK_BUILD_TESTS=OFF >/dev/null
 	@cmake --build $(BENCH_BUILD) -j2
 	@for b in $(BENCH_BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
 

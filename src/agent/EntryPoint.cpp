@@ -1,8 +1,8 @@
 #include "agent/EntryPoint.h"
 
-#include <optional>
-
 #include <fmt/format.h>
+
+#include <optional>
 
 #include "agent/CanRunOnThisOSXVersionCommand.h"
 #include "agent/LaunchAgentCommand.h"
@@ -51,10 +51,15 @@ int runGuarded(const std::function<int()>& body) {
   try {
     return body();
   } catch (const InvalidSyntaxException& e) {
-    VKLogging::synchronizedPrintln("{}", fmt::format("\nThere is an error in your syntax.\n\n     Error: {}\n\nType \"vesk help\" for more information.\n", e.reason()));
+    VKLogging::synchronizedPrintln(
+        "{}",
+        fmt::format(
+            "\nThere is an error in your syntax.\n\n     Error: {}\n\nType \"vesk help\" for more information.\n",
+            e.reason()));
   } catch (const std::exception& e) {
     // Failures of ours carry their reason in what(); so do the standard library's.
-    VKLogging::synchronizedPrintln("{}", fmt::format("\nThere was an error.\n\n     {}\n", e.what()));
+    VKLogging::synchronizedPrintln("{}",
+                                   fmt::format("\nThere was an error.\n\n     {}\n", e.what()));
   }
   return 1;
 }

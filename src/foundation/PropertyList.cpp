@@ -162,6 +162,8 @@ bool looksLikeXml(std::string_view bytes) {
 
 }  // namespace
 
+bool isBinaryPropertyList(std::string_view bytes) { return bytes.substr(0, 8) == "bplist00"; }
+
 Value propertyListFromBytes(std::string_view bytes, Error* error) {
   if (bytes.size() > UINT32_MAX) {
     setError(error, readError("The property list is too large."));
@@ -169,7 +171,7 @@ Value propertyListFromBytes(std::string_view bytes, Error* error) {
   }
   const auto length = static_cast<uint32_t>(bytes.size());
   plist_t root = nullptr;
-  if (plist_is_binary(bytes.data(), length)) {
+  if (isBinaryPropertyList(bytes)) {
     plist_from_bin(bytes.data(), length, &root);
   } else if (looksLikeXml(bytes)) {
     plist_from_xml(bytes.data(), length, &root);

@@ -19,6 +19,9 @@ Value propertyListFromBytes(std::string_view bytes, Error* error = nullptr);
 // Nil, with the error set, when the file cannot be read or parsed.
 Value readPropertyListFile(const std::string& path, Error* error = nullptr);
 
+// Whether the bytes start as a binary property list does.
+bool isBinaryPropertyList(std::string_view bytes);
+
 // Only the text form; the reader of propertyListFromBytes for text that is not XML.
 Value propertyListFromOpenStepText(std::string_view text, Error* error = nullptr);
 

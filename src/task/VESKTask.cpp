@@ -24,6 +24,11 @@ ChildProcessPlan VESKTask::planFor(const Command& command) {
 std::string VESKTask::executeAndAnswerPromptWith(const Command& command,
                                                  const std::optional<std::string>& answer,
                                                  Error* error, bool ignoreStderr) {
+  return strip(makeValidUtf8(run(command, answer, error, ignoreStderr)));
+}
+
+std::string VESKTask::run(const Command& command, const std::optional<std::string>& answer,
+                          Error* error, bool ignoreStderr) {
   std::unique_ptr<ChildProcess> child;
   std::string output;
   try {
@@ -50,12 +55,14 @@ std::string VESKTask::executeAndAnswerPromptWith(const Command& command,
     setError(error, Error(VESKTaskErrorDomain, child ? child->terminationStatus() : 0));
     output.clear();
   }
-  return strip(makeValidUtf8(output));
+  return output;
 }
 
 Value VESKTask::executeReturningPlist(const Command& command, Error* error) {
-  const std::string output = execute(command, error);
-  return propertyListFromBytes(output);
+  // A binary property list is taken byte for byte: decoding it as text would spoil it.
+  const std::string output = run(command, std::nullopt, error, true);
+  if (isBinaryPropertyList(output)) return propertyListFromBytes(output);
+  return propertyListFromBytes(strip(makeValidUtf8(output)));
 }
 
 void VESKTask::writeToConsole(const std::string& text) {

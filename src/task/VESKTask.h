@@ -65,6 +65,9 @@ class VESKTask {
 
  private:
   ChildProcessPlan planFor(const Command& command);
+  // The main runner's work: the child's output as it came, before decoding and stripping.
+  std::string run(const Command& command, const std::optional<std::string>& answer, Error* error,
+                  bool ignoreStderr);
 
   pid_t processId_ = 0;
   std::optional<std::vector<std::string>> childEnvironment_;

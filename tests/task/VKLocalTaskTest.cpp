@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "foundation/PropertyList.h"
+#include "helpers/TestSupport.h"
 #include "task/VKLocalTask.h"
 
 namespace vesk {
@@ -83,7 +85,9 @@ TEST(LocalTask, ChildrenFindTheClientToolsLastOnTheirPath) {
             "/usr/bin:/bin:/tmp/root/usr/local/vesk/bin");
   ::unsetenv("VESK_ROOT");
   ::unsetenv("PATH");
-  const std::string environment = "\n" + task.execute({"/usr/bin/env"}) + "\n";
+  std::string environment = "\n";
+  environment += task.execute({"/usr/bin/env"});
+  environment += "\n";
   EXPECT_NE(environment.find("\nPATH=/usr/local/vesk/bin\n"), std::string::npos) << environment;
 }
 
@@ -98,6 +102,12 @@ TEST(LocalTask, ParsesTheOutputAsAPropertyList) {
       task.executeReturningPlist(shell("echo '{ System = { ComputerName = \"A B\"; }; }'"));
   ASSERT_TRUE(text.isDictionary());
   EXPECT_EQ(text.dictionary()->valueForKeyPath("System.ComputerName"), Value("A B"));
+
+  // Binary output arrives byte for byte, even where its bytes are not text.
+  test::TemporaryFolder folder;
+  const Value binary(Dictionary{{"bytes", Value(Data{0xff, 0x00, 0x0a, 0x20})}, {"n", 7}});
+  const auto file = folder.write("binary.plist", binaryPropertyList(binary));
+  EXPECT_EQ(task.executeReturningPlist({"/bin/cat", file.string()}), binary);
 
   Error error;
   EXPECT_TRUE(task.executeReturningPlist(shell("echo 'not a plist'; exit 1"), &error).isNil());
