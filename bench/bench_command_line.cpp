@@ -13,10 +13,16 @@
 namespace {
 
 void BM_ParseTypicalArguments(benchmark::State& state) {
-  const std::vector<std::string> arguments = {
-      "/usr/local/vesk/bin/veskAgent", "-verbose", "-target", "/Volumes/Macintosh HD/",
-      "-overrideKSV", "https://ksv.example.com:8443", "-randomDelaySeconds", "0",
-      "-displayKSVTraffic", "-allNotifications"};
+  const std::vector<std::string> arguments = {"/usr/local/vesk/bin/veskAgent",
+                                              "-verbose",
+                                              "-target",
+                                              "/Volumes/Macintosh HD/",
+                                              "-overrideKSV",
+                                              "https://ksv.example.com:8443",
+                                              "-randomDelaySeconds",
+                                              "0",
+                                              "-displayKSVTraffic",
+                                              "-allNotifications"};
   for (auto _ : state) {
     auto command = vesk::VKCommand::create<vesk::VKCommand>(arguments);
     benchmark::DoNotOptimize(command->options().size());

@@ -10,6 +10,7 @@
 #include "agent/VKEnvironmentInfo.h"
 #include "agent/VersionCommand.h"
 #include "foundation/Exception.h"
+#include "foundation/Paths.h"
 #include "foundation/StringHelpers.h"
 #include "logging/VKLogging.h"
 
@@ -65,6 +66,7 @@ int runGuarded(const std::function<int()>& body) {
 }
 
 int veskAgentMain(int argc, char** argv) {
+  forgetIgnoredOverrides();
   return runGuarded([&] { return dispatch(argc, argv); });
 }
 

@@ -10,6 +10,13 @@ std::optional<std::string> secureEnvironmentValue(const char* name) {
   return std::string(value);
 }
 
+void forgetIgnoredOverrides() {
+  for (const char* name : {"VESK_ROOT", "VESK_OS_VERSION"}) {
+    // Present but refused by secure_getenv: this run is set-user-id.
+    if (::getenv(name) != nullptr && ::secure_getenv(name) == nullptr) ::unsetenv(name);
+  }
+}
+
 std::string fsPath(std::string_view path) {
   std::optional<std::string> root = secureEnvironmentValue("VESK_ROOT");
   if (!root || root->empty()) return std::string(path);

@@ -11,6 +11,11 @@ namespace vesk {
 // environment.
 std::optional<std::string> secureEnvironmentValue(const char* name);
 
+// In a set-user-id run, removes from the environment the overrides that such a run ignores
+// (VESK_ROOT, VESK_OS_VERSION), so that the programs it starts, which no longer run
+// set-user-id, cannot be redirected by them either. Called once at start, before any thread.
+void forgetIgnoredOverrides();
+
 // Where the absolute path the client names lives on this machine: `path` itself, or, when
 // VESK_ROOT is set (tests, the demo and unprivileged runs), that folder followed by `path`.
 // A set-user-id run ignores VESK_ROOT, so no one can redirect what it reads, writes or runs.

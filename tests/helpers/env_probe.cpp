@@ -1,9 +1,10 @@
-// Prints the sandbox path and operating-system version this process would use, and its user
-// ids; the set-user-id test runs it with both variables set.
+// Prints the sandbox path and operating-system version this process would use, what its
+// children would inherit, and its user ids; the set-user-id test runs it with both variables set.
 
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 
 #include "foundation/Paths.h"
 #include "foundation/VESKSystemInformation.h"
@@ -12,6 +13,9 @@
 extern "C" int __lsan_is_turned_off() { return geteuid() != getuid(); }
 
 int main() {
+  vesk::forgetIgnoredOverrides();
+  const char* inherited = std::getenv("VESK_ROOT");
+  std::printf("children see=%s\n", inherited ? inherited : "(unset)");
   std::printf("path=%s\n", vesk::fsPath("/usr/bin/gzip").c_str());
   std::printf("os=%s\n",
               vesk::VESKSystemInformation().currentOperatingSystem().versionString().c_str());

@@ -76,7 +76,8 @@ bool readAvailable(int fd, std::string* out) {
 }  // namespace
 
 std::unique_ptr<ChildProcess> ChildProcess::launch(const ChildProcessPlan& plan) {
-  if (::access(plan.path.c_str(), X_OK) != 0)
+  // Checked with the effective ids: those are the ones the exec will be judged by.
+  if (::faccessat(AT_FDCWD, plan.path.c_str(), X_OK, AT_EACCESS) != 0)
     throw Exception("NSInvalidArgumentException", "launch path not accessible");
 
   Pipe in, out, err;
