@@ -28,6 +28,16 @@ SharedState& shared() {
   return state;
 }
 
+// Whether a version check passes; its exception is swallowed.
+bool passes(void (*check)()) {
+  try {
+    check();
+    return true;
+  } catch (const Exception&) {
+    return false;
+  }
+}
+
 }  // namespace
 
 void VKEnvironmentInfo::setApplicationLocation(std::optional<std::string> location) {
@@ -94,23 +104,9 @@ void VKEnvironmentInfo::lionOrGreaterCheck() { osVersionCheck("10.7.0"); }
 
 void VKEnvironmentInfo::mountainLionOrGreaterCheck() { osVersionCheck("10.8.0"); }
 
-bool VKEnvironmentInfo::isLionOrGreater() {
-  try {
-    lionOrGreaterCheck();
-    return true;
-  } catch (const Exception&) {
-    return false;
-  }
-}
+bool VKEnvironmentInfo::isLionOrGreater() { return passes(&lionOrGreaterCheck); }
 
-bool VKEnvironmentInfo::isMountainLionOrGreater() {
-  try {
-    mountainLionOrGreaterCheck();
-    return true;
-  } catch (const Exception&) {
-    return false;
-  }
-}
+bool VKEnvironmentInfo::isMountainLionOrGreater() { return passes(&mountainLionOrGreaterCheck); }
 
 std::chrono::system_clock::time_point VKEnvironmentInfo::currentTime() {
   return std::chrono::system_clock::now();

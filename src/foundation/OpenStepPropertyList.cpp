@@ -15,6 +15,7 @@
 
 #include <cstdint>
 
+#include "foundation/OpenStepText.h"
 #include "foundation/PropertyList.h"
 
 namespace vesk {
@@ -47,10 +48,6 @@ class OpenStepParser {
   }
 
  private:
-  static bool isBare(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-           c == '$' || c == '+' || c == '/' || c == ':' || c == '.' || c == '-';
-  }
   static int hexDigit(char c) {
     if (c >= '0' && c <= '9') return c - '0';
     if (c >= 'a' && c <= 'f') return c - 'a' + 10;
@@ -109,14 +106,14 @@ class OpenStepParser {
       case '\'':
         return parseQuoted();
       default:
-        if (isBare(peek())) return Value(parseBare());
+        if (isOpenStepBareCharacter(peek())) return Value(parseBare());
         return fail("Unexpected character.");
     }
   }
 
   std::string parseBare() {
     const std::size_t start = pos_;
-    while (!atEnd() && isBare(text_[pos_])) ++pos_;
+    while (!atEnd() && isOpenStepBareCharacter(text_[pos_])) ++pos_;
     return std::string(text_.substr(start, pos_ - start));
   }
 
@@ -132,7 +129,7 @@ class OpenStepParser {
         return Value(std::move(dict));
       }
       Value key = (peek() == '"' || peek() == '\'') ? parseQuoted()
-                  : isBare(peek())                  ? Value(parseBare())
+                  : isOpenStepBareCharacter(peek()) ? Value(parseBare())
                                                     : fail("Expected a dictionary key.");
       if (!failure_.empty()) return Value();
       if (!expect('=')) return Value();

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "foundation/Error.h"
+#include "foundation/OpenStepText.h"
 #include "foundation/StringHelpers.h"
 
 namespace vesk {
@@ -10,16 +11,11 @@ namespace {
 
 const Value kNil;
 
-bool isBareWordCharacter(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-         c == '$' || c == '+' || c == '/' || c == ':' || c == '.' || c == '-';
-}
-
 // Strings inside containers are quoted unless they are one bare word, so that the text
 // reads back as the same property list.
 void appendQuotedIfNeeded(std::string& out, const std::string& text) {
   bool bare = !text.empty();
-  for (char c : text) bare = bare && isBareWordCharacter(c);
+  for (char c : text) bare = bare && isOpenStepBareCharacter(c);
   if (bare) {
     out += text;
     return;

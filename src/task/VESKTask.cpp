@@ -9,6 +9,12 @@
 #include "foundation/StringHelpers.h"
 
 namespace vesk {
+namespace {
+
+// What callers get of a child's output: UTF-8 text without white space at either end.
+std::string outputText(const std::string& raw) { return strip(makeValidUtf8(raw)); }
+
+}  // namespace
 
 ChildProcessPlan VESKTask::planFor(const Command& command) {
   if (command.empty()) throw Exception("NSRangeException", "The command is empty.");
@@ -24,7 +30,7 @@ ChildProcessPlan VESKTask::planFor(const Command& command) {
 std::string VESKTask::executeAndAnswerPromptWith(const Command& command,
                                                  const std::optional<std::string>& answer,
                                                  Error* error, bool ignoreStderr) {
-  return strip(makeValidUtf8(run(command, answer, error, ignoreStderr)));
+  return outputText(run(command, answer, error, ignoreStderr));
 }
 
 std::string VESKTask::run(const Command& command, const std::optional<std::string>& answer,
@@ -62,7 +68,7 @@ Value VESKTask::executeReturningPlist(const Command& command, Error* error) {
   // A binary property list is taken byte for byte: decoding it as text would spoil it.
   const std::string output = run(command, std::nullopt, error, true);
   if (isBinaryPropertyList(output)) return propertyListFromBytes(output);
-  return propertyListFromBytes(strip(makeValidUtf8(output)));
+  return propertyListFromBytes(outputText(output));
 }
 
 void VESKTask::writeToConsole(const std::string& text) {
