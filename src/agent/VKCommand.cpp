@@ -12,13 +12,17 @@
 #include "foundation/Exception.h"
 #include "foundation/StringHelpers.h"
 #include "logging/VKLogging.h"
+#include "task/VKLocalTask.h"
 
 namespace vesk {
 namespace {
 
 // The process-wide state of the command line. Set up once, when the class is first used.
 struct Globals {
-  Globals() { VKLogging::setCommandSwitches(&VKCommand::verbose, &VKCommand::debug); }
+  Globals() {
+    VKLogging::setCommandSwitches(&VKCommand::verbose, &VKCommand::debug);
+    VKLogging::setLogFileSources(&VKEnvironmentInfo::getComputerName, &compressWithGzip);
+  }
 
   std::atomic<bool> verbose{false};
   std::atomic<bool> debug{false};

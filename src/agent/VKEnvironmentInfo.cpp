@@ -65,9 +65,17 @@ std::string VKEnvironmentInfo::ipAddress() {
 pid_t VKEnvironmentInfo::getProcessId() { return ::getpid(); }
 
 std::string VKEnvironmentInfo::getComputerName() {
+  // Every log line asks for the name, and looking it up may log (a `defaults` that does not
+  // start): such a line, written while this thread looks, goes without the name.
+  thread_local bool lookingUp = false;
+  if (lookingUp) return "No Name";
   std::lock_guard<std::mutex> hold(shared().lock);
   SharedState& state = shared();
   if (isEmptyAfterTrim(state.computerName)) {
+    lookingUp = true;
+    struct Done {
+      ~Done() { lookingUp = false; }
+    } done;
     const Value preferences = state.task.executeReturningPlist(
         {fsPath("/usr/bin/defaults"), "read",
          fsPath("/Library/Preferences/SystemConfiguration/preferences"), "System"});

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -27,9 +28,14 @@ struct ChildProcessPlan {
   StdioMode error = StdioMode::kInherit;
 };
 
-// One child program, started without a shell. Owned by the thread that launched it; not for
-// use by two threads at once. Destroying an object whose child still runs leaves the child
-// running and reaps it in the background once it exits, so no zombie is left behind.
+// One child program, started without a shell.
+//
+// The pipe operations (writeInput, closeInput, readOutputToEnd, the release calls) and
+// waitUntilExit belong to the thread that launched the child. isRunning, terminationStatus,
+// terminate, suspend and resume may be called from any thread at any time: they never signal
+// a process id once the child has been reaped, so they cannot hit an unrelated process that
+// inherited the number. Destroying an object whose child still runs leaves the child running
+// and reaps it in the background once it exits, so no zombie is left behind.
 class ChildProcess {
  public:
   // Starts the child. Throws vesk::Exception named "NSInvalidArgumentException" when it
@@ -47,16 +53,32 @@ class ChildProcess {
   bool writeInput(std::string_view bytes);
   void closeInput();
 
-  // Reads standard output until every holder of the pipe has closed it. A separate standard
-  // error pipe is drained meanwhile and its bytes dropped, so a child that writes much error
-  // text cannot block on it.
-  std::string readOutputToEnd();
+  // Reads standard output until every holder of the pipe has closed it. When `input` is
+  // given it is written to standard input meanwhile, which is then closed, so a child that
+  // answers before it has read everything cannot deadlock with this process. A separate
+  // standard error pipe is drained meanwhile and its bytes dropped.
+  std::string readOutputToEnd(std::optional<std::string_view> input = std::nullopt);
 
-  // Blocks until the child has ended; answers terminationStatus().
+  // Waits up to `milliseconds` for output, or until the child ends, and appends what has
+  // arrived to `into`. Answers false once standard output has reached its end (the wait is
+  // then spent waiting for the child alone).
+  bool readOutputFor(std::string& into, int milliseconds);
+
+  // Hands the reading end of standard output or of a separate standard error over to the
+  // caller, who reads and closes it from then on; -1 when there is no such pipe.
+  int releaseOutput();
+  int releaseError();
+
+  // A descriptor that polls readable once the child has ended, for readers that must not
+  // outwait a descendant holding a pipe open; -1 where the system offers none. Owned here.
+  int exitDescriptor() const { return exitFd_; }
+
+  // Blocks until the child has ended; answers terminationStatus(). A separate standard
+  // error pipe that was not released is drained while waiting.
   int waitUntilExit();
   bool isRunning();
   // The exit status, or the number of the signal that ended the child; 0 while it runs.
-  int terminationStatus() const { return status_; }
+  int terminationStatus();
 
   void terminate();  // SIGTERM: a polite request
   void suspend();    // SIGSTOP
@@ -64,15 +86,20 @@ class ChildProcess {
 
  private:
   ChildProcess() = default;
-  void recordStatus(int waitStatus);
+  // Collects the child's status when it has ended, without blocking; answers whether it has.
+  bool reapLocked();
   void drainSeparateErrorUntilExit();
+  void signal(int number);
 
   pid_t pid_ = -1;
-  bool exited_ = false;
-  int status_ = 0;
   int inputFd_ = -1;
   int outputFd_ = -1;
   int errorFd_ = -1;  // only when standard error has a pipe of its own
+  int exitFd_ = -1;
+
+  std::mutex lock_;
+  bool exited_ = false;  // guarded by lock_
+  int status_ = 0;       // guarded by lock_
 };
 
 }  // namespace vesk

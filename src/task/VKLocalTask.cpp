@@ -21,11 +21,10 @@ void VKLocalTask::writeToConsole(const std::string& text) {
 }
 
 void VKLocalTask::logError(const std::string& message, bool verbose) {
-  // Console only: the client log file has no writer in this program yet.
   if (verbose) {
-    VKLogging::printlnVerbose("{}", message);
+    VKLogging::logEventAndPrintVerbose("{}", message);
   } else {
-    VKLogging::println("{}", message);
+    VKLogging::logEventAndPrint("{}", message);
   }
 }
 
@@ -45,6 +44,14 @@ void VKLocalTask::setupEnvironment() {
   }
   if (!sawPath) environment.push_back(pathPrefix + toolFolder);
   setChildEnvironment(std::move(environment));
+}
+
+}  // namespace vesk
+
+namespace vesk {
+
+void compressWithGzip(const std::string& path) {
+  VKLocalTask().execute({fsPath("/usr/bin/gzip"), path});
 }
 
 }  // namespace vesk

@@ -16,4 +16,8 @@ class VKLocalTask : public VESKTask {
   void setupEnvironment() override;
 };
 
+// Replaces the file at `path` with PATH.gz, running the system's gzip through a VKLocalTask;
+// what gzip says and whether it succeeds is not looked at. The client log's rotation.
+void compressWithGzip(const std::string& path);
+
 }  // namespace vesk

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,6 +25,12 @@ void closeFd(int& fd) {
   fd = -1;
 }
 
+int release(int& fd) {
+  const int out = fd;
+  fd = -1;
+  return out;
+}
+
 struct Pipe {
   int read = -1;
   int write = -1;
@@ -39,16 +46,32 @@ struct Pipe {
     read = fds[0];
     write = fds[1];
   }
-  int releaseRead() {
-    const int fd = read;
-    read = -1;
-    return fd;
+};
+
+// Blocks SIGPIPE on this thread while it writes to a child's input, and swallows one that a
+// write to a closed pipe raised, so a child that stopped reading cannot end this process.
+class SigpipeGuard {
+ public:
+  SigpipeGuard() {
+    sigemptyset(&pipeSet_);
+    sigaddset(&pipeSet_, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeSet_, &old_);
   }
-  int releaseWrite() {
-    const int fd = write;
-    write = -1;
-    return fd;
+  ~SigpipeGuard() {
+    if (sawEpipe_) {
+      const timespec zero{0, 0};
+      sigset_t pending;
+      sigpending(&pending);
+      if (sigismember(&pending, SIGPIPE) == 1) sigtimedwait(&pipeSet_, nullptr, &zero);
+    }
+    pthread_sigmask(SIG_SETMASK, &old_, nullptr);
   }
+  void noteEpipe() { sawEpipe_ = true; }
+
+ private:
+  sigset_t pipeSet_;
+  sigset_t old_;
+  bool sawEpipe_ = false;
 };
 
 std::vector<char*> cStrings(std::vector<std::string>& strings) {
@@ -122,6 +145,8 @@ std::unique_ptr<ChildProcess> ChildProcess::launch(const ChildProcessPlan& plan)
   std::vector<std::string> envStrings = plan.environment.value_or(std::vector<std::string>{});
   std::vector<char*> envp = cStrings(envStrings);
 
+  // glibc reaps a child whose exec failed before posix_spawn returns, so a failure here
+  // leaves no zombie; the pipes close with their guards.
   pid_t pid = -1;
   const int rc = posix_spawn(&pid, plan.path.c_str(), &actions, &attr, argv.data(),
                              plan.environment ? envp.data() : environ);
@@ -132,9 +157,11 @@ std::unique_ptr<ChildProcess> ChildProcess::launch(const ChildProcessPlan& plan)
 
   std::unique_ptr<ChildProcess> child(new ChildProcess());
   child->pid_ = pid;
-  child->inputFd_ = in.releaseWrite();
-  child->outputFd_ = out.releaseRead();
-  child->errorFd_ = err.releaseRead();
+  child->inputFd_ = release(in.write);
+  child->outputFd_ = release(out.read);
+  child->errorFd_ = release(err.read);
+  // Linux 5.3 and later; the descriptor is close-on-exec by nature.
+  child->exitFd_ = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
   return child;
 }
 
@@ -142,6 +169,7 @@ ChildProcess::~ChildProcess() {
   closeFd(inputFd_);
   closeFd(outputFd_);
   closeFd(errorFd_);
+  closeFd(exitFd_);
   if (pid_ > 0 && isRunning()) {
     std::thread([pid = pid_] {
       int ignored = 0;
@@ -153,108 +181,131 @@ ChildProcess::~ChildProcess() {
 
 bool ChildProcess::writeInput(std::string_view bytes) {
   if (inputFd_ < 0) return false;
-  // Block SIGPIPE on this thread for the write and swallow one that the write raised, so a
-  // child that closed its input cannot end this process.
-  sigset_t pipeSet, old;
-  sigemptyset(&pipeSet);
-  sigaddset(&pipeSet, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &pipeSet, &old);
-  bool ok = true;
+  SigpipeGuard guard;
   while (!bytes.empty()) {
     const ssize_t n = ::write(inputFd_, bytes.data(), bytes.size());
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
-      ok = false;
-      break;
+      if (errno == EPIPE) guard.noteEpipe();
+      return false;
     }
     bytes.remove_prefix(static_cast<std::size_t>(n));
   }
-  if (!ok && errno == EPIPE) {
-    const timespec zero{0, 0};
-    sigset_t pending;
-    sigpending(&pending);
-    if (sigismember(&pending, SIGPIPE) == 1) sigtimedwait(&pipeSet, nullptr, &zero);
-  }
-  pthread_sigmask(SIG_SETMASK, &old, nullptr);
-  return ok;
+  return true;
 }
 
 void ChildProcess::closeInput() { closeFd(inputFd_); }
 
-std::string ChildProcess::readOutputToEnd() {
+int ChildProcess::releaseOutput() { return release(outputFd_); }
+
+int ChildProcess::releaseError() { return release(errorFd_); }
+
+std::string ChildProcess::readOutputToEnd(std::optional<std::string_view> input) {
   std::string result;
+  SigpipeGuard guard;
+  std::string_view pending = input.value_or(std::string_view());
+  if (input && inputFd_ >= 0) {
+    ::fcntl(inputFd_, F_SETFL, ::fcntl(inputFd_, F_GETFL) | O_NONBLOCK);
+    if (pending.empty()) closeInput();
+  } else if (input) {
+    pending = {};
+  }
   while (outputFd_ >= 0) {
-    pollfd fds[2] = {{outputFd_, POLLIN, 0}, {errorFd_, POLLIN, 0}};
-    const nfds_t n = errorFd_ >= 0 ? 2 : 1;
-    if (::poll(fds, n, -1) < 0) {
+    const bool writing = input && inputFd_ >= 0;
+    pollfd fds[3] = {
+        {outputFd_, POLLIN, 0}, {errorFd_, POLLIN, 0}, {writing ? inputFd_ : -1, POLLOUT, 0}};
+    if (::poll(fds, 3, -1) < 0) {
       if (errno == EINTR) continue;
       break;
     }
     if (fds[0].revents != 0 && !readAvailable(outputFd_, &result)) closeFd(outputFd_);
-    if (n == 2 && fds[1].revents != 0 && !readAvailable(errorFd_, nullptr)) closeFd(errorFd_);
+    if (fds[1].revents != 0 && !readAvailable(errorFd_, nullptr)) closeFd(errorFd_);
+    if (writing && fds[2].revents != 0) {
+      const ssize_t n = ::write(inputFd_, pending.data(), pending.size());
+      if (n > 0) pending.remove_prefix(static_cast<std::size_t>(n));
+      if (n < 0 && errno == EPIPE) guard.noteEpipe();
+      const bool failed = n < 0 && errno != EINTR && errno != EAGAIN;
+      if (pending.empty() || failed) closeInput();
+    }
   }
   closeFd(outputFd_);
+  // Every holder of the output has gone: no one is left to read the rest of the input.
+  if (input) closeInput();
   return result;
+}
+
+bool ChildProcess::readOutputFor(std::string& into, int milliseconds) {
+  pollfd fds[2] = {{outputFd_, POLLIN, 0}, {exitFd_, POLLIN, 0}};
+  const int ready = ::poll(fds, 2, milliseconds);
+  if (ready > 0 && fds[0].revents != 0 && !readAvailable(outputFd_, &into)) closeFd(outputFd_);
+  return outputFd_ >= 0;
 }
 
 void ChildProcess::drainSeparateErrorUntilExit() {
   // The output is done but the child may still write error text; keep its pipe from filling
   // until the child ends or every holder closes it.
-  while (errorFd_ >= 0 && !exited_) {
+  while (errorFd_ >= 0 && isRunning()) {
     pollfd fd = {errorFd_, POLLIN, 0};
     const int ready = ::poll(&fd, 1, 50);
     if (ready > 0 && !readAvailable(errorFd_, nullptr)) closeFd(errorFd_);
     if (ready < 0 && errno != EINTR) break;
-    isRunning();
   }
 }
 
 int ChildProcess::waitUntilExit() {
   drainSeparateErrorUntilExit();
-  while (!exited_) {
-    int waitStatus = 0;
-    const pid_t r = ::waitpid(pid_, &waitStatus, 0);
-    if (r == pid_) {
-      recordStatus(waitStatus);
-    } else if (r < 0 && errno != EINTR) {
-      exited_ = true;  // reaped elsewhere; nothing more can be learnt
+  while (true) {
+    // Wait without reaping, so the lock is not held while blocked and other threads may
+    // still signal the child; the reaping itself happens under the lock.
+    siginfo_t info{};
+    const int r = ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT);
+    if (r < 0 && errno == EINTR) continue;
+    std::lock_guard<std::mutex> hold(lock_);
+    if (reapLocked() || r < 0) {
+      exited_ = true;  // with r < 0 it was reaped elsewhere; nothing more can be learnt
+      return status_;
     }
   }
-  return status_;
 }
 
 bool ChildProcess::isRunning() {
-  if (exited_) return false;
+  std::lock_guard<std::mutex> hold(lock_);
+  return !reapLocked();
+}
+
+int ChildProcess::terminationStatus() {
+  std::lock_guard<std::mutex> hold(lock_);
+  reapLocked();
+  return status_;
+}
+
+bool ChildProcess::reapLocked() {
+  if (exited_) return true;
   int waitStatus = 0;
   const pid_t r = ::waitpid(pid_, &waitStatus, WNOHANG);
   if (r == pid_) {
-    recordStatus(waitStatus);
+    if (WIFEXITED(waitStatus)) {
+      status_ = WEXITSTATUS(waitStatus);
+      exited_ = true;
+    } else if (WIFSIGNALED(waitStatus)) {
+      status_ = WTERMSIG(waitStatus);
+      exited_ = true;
+    }
   } else if (r < 0 && errno == ECHILD) {
     exited_ = true;
   }
-  return !exited_;
+  return exited_;
 }
 
-void ChildProcess::recordStatus(int waitStatus) {
-  if (WIFEXITED(waitStatus)) {
-    status_ = WEXITSTATUS(waitStatus);
-    exited_ = true;
-  } else if (WIFSIGNALED(waitStatus)) {
-    status_ = WTERMSIG(waitStatus);
-    exited_ = true;
-  }
+void ChildProcess::signal(int number) {
+  std::lock_guard<std::mutex> hold(lock_);
+  if (!reapLocked()) ::kill(pid_, number);
 }
 
-void ChildProcess::terminate() {
-  if (!exited_) ::kill(pid_, SIGTERM);
-}
+void ChildProcess::terminate() { signal(SIGTERM); }
 
-void ChildProcess::suspend() {
-  if (!exited_) ::kill(pid_, SIGSTOP);
-}
+void ChildProcess::suspend() { signal(SIGSTOP); }
 
-void ChildProcess::resume() {
-  if (!exited_) ::kill(pid_, SIGCONT);
-}
+void ChildProcess::resume() { signal(SIGCONT); }
 
 }  // namespace vesk
