@@ -223,9 +223,20 @@ bool isValidUtf8(std::string_view bytes) {
 
 std::string makeValidUtf8(std::string_view bytes) {
   if (isValidUtf8(bytes)) return std::string(bytes);
-  gchar* valid = g_utf8_make_valid(bytes.data(), static_cast<gssize>(bytes.size()));
-  std::string out(valid);
-  g_free(valid);
+  // Walked here rather than by g_utf8_make_valid, which stops at a NUL byte.
+  std::string out;
+  out.reserve(bytes.size() + 16);
+  while (!bytes.empty()) {
+    const gchar* stop = nullptr;
+    if (g_utf8_validate_len(bytes.data(), bytes.size(), &stop)) {
+      out.append(bytes);
+      break;
+    }
+    const auto valid = static_cast<std::size_t>(stop - bytes.data());
+    out.append(bytes.substr(0, valid));
+    out.append(*stop == '\0' ? std::string_view("\0", 1) : std::string_view("\xEF\xBF\xBD"));
+    bytes.remove_prefix(valid + 1);
+  }
   return out;
 }
 

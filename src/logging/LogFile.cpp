@@ -70,13 +70,26 @@ std::string logDateText(std::time_t when) {
     std::size_t run = 1;
     while (i + run < kPattern.size() && kPattern[i + run] == kPattern[i]) ++run;
     switch (kPattern[i]) {
-      case 'E': text += kDays[local.tm_wday % 7]; break;
-      case 'M': text += kMonths[local.tm_mon % 12]; break;
-      case 'd': text += fmt::format("{:02d}", local.tm_mday); break;
-      case 'H': text += fmt::format("{:02d}", local.tm_hour); break;
-      case 'm': text += fmt::format("{:02d}", local.tm_min); break;
-      case 's': text += fmt::format("{:02d}", local.tm_sec); break;
-      default: text.append(run, kPattern[i]);
+      case 'E':
+        text += kDays[local.tm_wday % 7];
+        break;
+      case 'M':
+        text += kMonths[local.tm_mon % 12];
+        break;
+      case 'd':
+        text += fmt::format("{:02d}", local.tm_mday);
+        break;
+      case 'H':
+        text += fmt::format("{:02d}", local.tm_hour);
+        break;
+      case 'm':
+        text += fmt::format("{:02d}", local.tm_min);
+        break;
+      case 's':
+        text += fmt::format("{:02d}", local.tm_sec);
+        break;
+      default:
+        text.append(run, kPattern[i]);
     }
     i += run;
   }
@@ -98,8 +111,8 @@ void LogFile::append(std::string_view message) const {
   const auto size = static_cast<std::int32_t>(fileSizeAtPath(path).value_or(0));
   if (size > kRotationThreshold && compress != nullptr && !rotating) rotate(*this, directory, path);
 
-  const std::string line = logLineText(std::time(nullptr), computerName ? computerName() : "No Name",
-                                       ::getpid(), message);
+  const std::string line = logLineText(
+      std::time(nullptr), computerName ? computerName() : "No Name", ::getpid(), message);
   const int fd = openForAppending(path);
   if (fd < 0) return;
   // One write per line: with O_APPEND the kernel places it whole at the end, whoever else

@@ -4,11 +4,13 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <regex>
 
 #include "agent/CanRunOnThisOSXVersionCommand.h"
 #include "agent/VKEnvironmentInfo.h"
 #include "foundation/Exception.h"
 #include "helpers/TestSupport.h"
+#include "logging/VKLogging.h"
 
 namespace vesk {
 namespace {
@@ -55,6 +57,27 @@ TEST_F(EnvironmentInfo, AMachineWithoutAComputerNameAnswersNoNameUntilInvalidate
   installDefaults("{ System = { HostName = x; }; }");
   VKEnvironmentInfo::invalidateCachedData();
   EXPECT_EQ(VKEnvironmentInfo::getComputerName(), "No Name");
+}
+
+TEST_F(EnvironmentInfo, LogLinesNameTheComputerOnceTheCommandLineIsUp) {
+  installDefaults("{ System = { ComputerName = \"Office Mac\"; }; }");
+  VKCommand::verbose();  // the command base hands its sources to the log writer
+  VKLogging::logEvent("hello");
+  const std::string log = test::readFile(root_.path() / "private/var/log/vesk.log");
+  EXPECT_TRUE(std::regex_match(
+      log, std::regex("[A-Z][a-z]{2} [A-Z][a-z]{2} \\d\\d \\d\\d:\\d\\d:\\d\\d Office Mac vesk\\[" +
+                      std::to_string(::getpid()) + "\\]: hello\n")))
+      << log;
+}
+
+TEST_F(EnvironmentInfo, ALookupOfTheNameThatFailsAndLogsDoesNotHang) {
+  // No defaults tool: finding the name logs that it could not run, from inside a log line.
+  VKCommand::verbose();
+  VKLogging::logEvent("hello");
+  const std::string log = test::readFile(root_.path() / "private/var/log/vesk.log");
+  EXPECT_NE(log.find(" No Name vesk["), std::string::npos) << log;
+  EXPECT_NE(log.find("]: Error executing command: ("), std::string::npos) << log;
+  EXPECT_TRUE(log.ends_with("]: hello\n")) << log;
 }
 
 TEST_F(EnvironmentInfo, ArchitectureIsUnameOrEmptyWhenItFails) {

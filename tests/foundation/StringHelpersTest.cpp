@@ -91,6 +91,8 @@ TEST(StringHelpers, Utf8ValidityAndRepair) {
   EXPECT_TRUE(isValidUtf8(std::string("a\0b", 3)));
   EXPECT_FALSE(isValidUtf8("caf\xe9"));
   EXPECT_EQ(makeValidUtf8("caf\xe9!"), "caf\uFFFD!");
+  // A NUL byte is a character like any other, before and after a repair.
+  EXPECT_EQ(makeValidUtf8(std::string("a\0\xff\0b", 5)), std::string("a\0\uFFFD\0b", 7));
   EXPECT_EQ(replaceAll("a'b'c", "'", "\\'"), "a\\'b\\'c");
   EXPECT_EQ(split("a..b", '.'), (std::vector<std::string>{"a", "", "b"}));
 }

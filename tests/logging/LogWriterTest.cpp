@@ -46,8 +46,8 @@ class LogWriter : public ::testing::Test {
   // What gzip makes of a generation, through the real gzip.
   static std::string uncompressedSize(const fs::path& generation) {
     return strip(test::runProgram("/bin/sh", {"-c", "gzip -dc \"$0\" | wc -c", generation.string()},
-                                 test::environmentWithout({}))
-                    .output);
+                                  test::environmentWithout({}))
+                     .output);
   }
 
   test::TemporaryFolder root_;
@@ -98,7 +98,8 @@ TEST_F(LogWriter, LinesFromManyThreadsNeverMix) {
   std::vector<std::thread> writers;
   for (int t = 0; t < 8; ++t)
     writers.emplace_back([t] {
-      for (int i = 0; i < 300; ++i) VKLogging::logEvent("thread {} line {} {}", t, i, std::string(200, 'x'));
+      for (int i = 0; i < 300; ++i)
+        VKLogging::logEvent("thread {} line {} {}", t, i, std::string(200, 'x'));
     });
   for (std::thread& writer : writers) writer.join();
   const std::regex whole(R"(.* office-mac vesk\[\d+\]: thread \d line \d+ x{200})");
@@ -211,8 +212,7 @@ TEST(PolicyLogging, StoresPrintedLinesOnlyWhileOn) {
   testing::internal::CaptureStdout();
   VKLogging::println("{}", "x\nx\nx\nx\nx\nx\nx\ny");
   testing::internal::GetCapturedStdout();
-  EXPECT_NE(VKLogging::policyLogEvents().back().find("[previous line repeated"),
-            std::string::npos);
+  EXPECT_NE(VKLogging::policyLogEvents().back().find("[previous line repeated"), std::string::npos);
 
   VKLogging::clearPolicyLogEvents();
   EXPECT_TRUE(VKLogging::policyLogEvents().empty());

@@ -90,10 +90,10 @@ TEST_F(TaskRunner, StreamsEachPieceOfOutputWhileTheChildRuns) {
   VKLocalTask task;
   task.setDelegate(recorder.delegate);
   Error error;
-  const std::string result =
-      task.execute({"/bin/sh", "-c", "echo first; read w < \"$0\"; echo \"then $w\"; echo oops >&2; exit 4",
-                    fifo.string()},
-                   &error);
+  const std::string result = task.execute(
+      {"/bin/sh", "-c", "echo first; read w < \"$0\"; echo \"then $w\"; echo oops >&2; exit 4",
+       fifo.string()},
+      &error);
   EXPECT_EQ(error.code(), 4);
   // A streaming run reads the error pipe too, and its text joins the result.
   EXPECT_NE(result.find("oops"), std::string::npos);
@@ -114,16 +114,16 @@ TEST_F(TaskRunner, StreamingKeepsTheOrderOfAStreamAndEchoesToTheConsole) {
   // Echoed piece by piece, with the error text mixed into the one pipe.
   VKLocalTask console;
   testing::internal::CaptureStdout();
-  const std::string mixed = console.executeAndAnswerPromptWith(
-      shell("echo alpha; echo beta >&2"), std::nullopt, nullptr, false, true);
+  const std::string mixed = console.executeAndAnswerPromptWith(shell("echo alpha; echo beta >&2"),
+                                                               std::nullopt, nullptr, false, true);
   const std::string printed = testing::internal::GetCapturedStdout();
   EXPECT_EQ(mixed, "alpha\nbeta");
   EXPECT_EQ(replaceAll(printed, "\n", ""), "alphabeta");
 }
 
 TEST_F(TaskRunner, SixteenMegabytesOnEachStreamPassInEitherMode) {
-  const Command big = shell(
-      "head -c 16777216 /dev/zero | tr '\\0' a; head -c 16777216 /dev/zero | tr '\\0' b >&2");
+  const Command big =
+      shell("head -c 16777216 /dev/zero | tr '\\0' a; head -c 16777216 /dev/zero | tr '\\0' b >&2");
   VKLocalTask task;
   const std::string plain = task.execute(big);
   EXPECT_EQ(plain.size(), 16777216u);
@@ -237,8 +237,10 @@ TEST_F(TaskRunner, BackgroundChildrenAnswerToSuspendResumeAndTerminate) {
   EXPECT_TRUE(waitFor([&] { return task.terminationStatus() == SIGTERM; }));
 
   task.executeInBackground({"/no/such/daemon"});
-  EXPECT_NE(logText().find("]: Error executing command [(\n    /no/such/daemon\n)] launch path not accessible\n"),
-            std::string::npos)
+  EXPECT_NE(
+      logText().find(
+          "]: Error executing command [(\n    /no/such/daemon\n)] launch path not accessible\n"),
+      std::string::npos)
       << logText();
 }
 
