@@ -36,7 +36,8 @@ struct ScratchRoot {
 void BM_LogEventLines(benchmark::State& state) {
   ScratchRoot root;
   std::int64_t line = 0;
-  for (auto _ : state) vesk::VKLogging::logEvent("policy {} ran: {}", ++line, "Script result: done");
+  for (auto _ : state)
+    vesk::VKLogging::logEvent("policy {} ran: {}", ++line, "Script result: done");
   state.SetItemsProcessed(line);
 }
 BENCHMARK(BM_LogEventLines)->UseRealTime();
@@ -66,7 +67,8 @@ void BM_StreamSixteenMegabytes(benchmark::State& state) {
   vesk::VKLocalTask task;
   task.setDelegate(delegate);
   for (auto _ : state)
-    benchmark::DoNotOptimize(task.execute({"/bin/sh", "-c", "head -c 16777216 /dev/zero | tr '\\0' x"}));
+    benchmark::DoNotOptimize(
+        task.execute({"/bin/sh", "-c", "head -c 16777216 /dev/zero | tr '\\0' x"}));
   state.SetBytesProcessed(static_cast<std::int64_t>(seen));
 }
 BENCHMARK(BM_StreamSixteenMegabytes)->UseRealTime()->Unit(benchmark::kMillisecond);
@@ -79,7 +81,8 @@ void BM_TimeoutOvershoot(benchmark::State& state) {
   for (auto _ : state) {
     const auto start = std::chrono::steady_clock::now();
     task.executeWithTimeout({"/bin/sleep", "30"}, 0.2);
-    overshoot += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() - 0.2;
+    overshoot +=
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() - 0.2;
   }
   state.counters["overshoot_ms"] = 1000 * overshoot / static_cast<double>(state.iterations());
 }

@@ -59,9 +59,13 @@ struct VESKTask::Stream {
   std::string pending;
 };
 
-ChildProcessPlan VESKTask::planFor(const Command& command) {
+ChildProcessPlan VESKTask::planFor(const Command& command, StdioMode input, StdioMode output,
+                                   StdioMode error) {
   if (command.empty()) throw Exception("NSRangeException", "The command is empty.");
   ChildProcessPlan plan;
+  plan.input = input;
+  plan.output = output;
+  plan.error = error;
   plan.path = command.front();
   plan.arguments.assign(command.begin() + 1, command.end());
   childEnvironment_.reset();
@@ -90,6 +94,16 @@ void VESKTask::finishRun() {
   task_.reset();
 }
 
+void VESKTask::waitForStatus(ChildProcess& child, Error* error) {
+  const int status = child.waitUntilExit();
+  if (status != 0) setError(error, Error(VESKTaskErrorDomain, status));
+}
+
+void VESKTask::reportFailure(const Command& command, ChildProcess* child, Error* error) {
+  logError(fmt::format("Error executing command: {}", commandDescription(command)), true);
+  setError(error, Error(VESKTaskErrorDomain, child != nullptr ? child->terminationStatus() : 0));
+}
+
 std::string VESKTask::executeAndAnswerPromptWith(const Command& command,
                                                  const std::optional<std::string>& answer,
                                                  Error* error, bool ignoreStderr,
@@ -103,10 +117,9 @@ std::string VESKTask::run(const Command& command, const std::optional<std::strin
   std::shared_ptr<ChildProcess> child;
   std::string output;
   try {
-    ChildProcessPlan plan = planFor(command);
-    plan.input = StdioMode::kPipe;
-    plan.output = StdioMode::kPipe;
-    plan.error = ignoreStderr ? StdioMode::kPipe : StdioMode::kSameAsStdout;
+    const ChildProcessPlan plan =
+        planFor(command, StdioMode::kPipe, StdioMode::kPipe,
+                ignoreStderr ? StdioMode::kPipe : StdioMode::kSameAsStdout);
     const std::shared_ptr<VESKTaskDelegate> observer = delegate();
     const bool streaming = writeToConsole || (observer && observer->taskReadString);
 
@@ -135,11 +148,9 @@ std::string VESKTask::run(const Command& command, const std::optional<std::strin
       output = child->readOutputToEnd(answer ? std::optional<std::string>(*answer + "\n")
                                              : std::nullopt);
     }
-    const int status = child->waitUntilExit();
-    if (status != 0) setError(error, Error(VESKTaskErrorDomain, status));
+    waitForStatus(*child, error);
   } catch (const std::exception&) {
-    logError(fmt::format("Error executing command: {}", commandDescription(command)), true);
-    setError(error, Error(VESKTaskErrorDomain, child ? child->terminationStatus() : 0));
+    reportFailure(command, child.get(), error);
     output.clear();
   }
   finishRun();
@@ -174,10 +185,8 @@ std::string VESKTask::executeWithTimeout(const Command& command, double seconds,
   std::shared_ptr<ChildProcess> child;
   std::string output;
   try {
-    ChildProcessPlan plan = planFor(command);
-    plan.output = StdioMode::kPipe;
     const auto start = std::chrono::steady_clock::now();
-    child = launch(plan);
+    child = launch(planFor(command, StdioMode::kInherit, StdioMode::kPipe, StdioMode::kInherit));
     // The output is read while waiting, so a child that prints more than a pipe holds is
     // not stalled into the deadline.
     while (child->isRunning()) {
@@ -192,12 +201,12 @@ std::string VESKTask::executeWithTimeout(const Command& command, double seconds,
   } catch (const std::exception& failure) {
     logError(fmt::format("Exception Encountered: {}", reasonOf(failure)), false);
   }
-  int status = 0;
   if (child) {
-    status = child->waitUntilExit();
+    waitForStatus(*child, error);
     output += child->readOutputToEnd();
+  } else {
+    setError(error, Error(VESKTaskErrorDomain, 0));  // it never started
   }
-  if (status != 0 || !child) setError(error, Error(VESKTaskErrorDomain, status));
   finishRun();
   return outputText(output);
 }
@@ -213,20 +222,14 @@ std::string VESKTask::executeWithStdinFromFile(const Command& command, const std
   std::shared_ptr<ChildProcess> child;
   std::string output;
   try {
-    ChildProcessPlan plan = planFor(command);
-    plan.input = StdioMode::kPipe;
-    plan.output = StdioMode::kPipe;
-    plan.error = StdioMode::kPipe;
-    child = launch(plan);
+    child = launch(planFor(command, StdioMode::kPipe, StdioMode::kPipe, StdioMode::kPipe));
     std::ifstream file(path, std::ios::binary);
     const std::string input((std::istreambuf_iterator<char>(file)),
                             std::istreambuf_iterator<char>());
     output = child->readOutputToEnd(input);
-    const int status = child->waitUntilExit();
-    if (status != 0) setError(error, Error(VESKTaskErrorDomain, status));
+    waitForStatus(*child, error);
   } catch (const std::exception&) {
-    logError(fmt::format("Error executing command: {}", commandDescription(command)), true);
-    setError(error, Error(VESKTaskErrorDomain, child ? child->terminationStatus() : 0));
+    reportFailure(command, child.get(), error);
     output.clear();
   }
   finishRun();

@@ -123,7 +123,10 @@ class VESKTask {
  private:
   struct Stream;
 
-  ChildProcessPlan planFor(const Command& command);
+  // The child's streams as asked; by default it shares this process's own.
+  ChildProcessPlan planFor(const Command& command, StdioMode input = StdioMode::kInherit,
+                           StdioMode output = StdioMode::kInherit,
+                           StdioMode error = StdioMode::kInherit);
   std::shared_ptr<ChildProcess> launch(const ChildProcessPlan& plan);
   // The main runner's work: the child's output as it came, before stripping.
   std::string run(const Command& command, const std::optional<std::string>& answer, Error* error,
@@ -131,6 +134,10 @@ class VESKTask {
   std::string stream(const std::shared_ptr<ChildProcess>& child, bool sharedPipe);
   // One piece of streamed output, or the end of a pipe when `bytes` is empty.
   void outputNotify(Stream& stream, const std::string& bytes);
+  // A non-zero exit status becomes the caller's error (code = status).
+  static void waitForStatus(ChildProcess& child, Error* error);
+  // A run that failed on its way is logged; the error carries what status the child has.
+  void reportFailure(const Command& command, ChildProcess* child, Error* error);
   void finishRun();
   std::shared_ptr<ChildProcess> currentChild();
 

@@ -249,11 +249,12 @@ TEST_F(TaskRunner, AThousandRunsLeaveNoDescriptorAndNoChildBehind) {
   Recorder recorder(true);
   VKLocalTask streaming;
   streaming.setDelegate(recorder.delegate);
+  const std::string notExecutable = root_.write("plain", "echo never\n", 0644).string();
   const std::size_t before = openDescriptors();
   for (int i = 0; i < 250; ++i) {
     EXPECT_EQ(task.execute({"/bin/echo", "x"}), "x");
     EXPECT_EQ(streaming.execute({"/bin/echo", "y"}), "y");
-    EXPECT_EQ(task.execute({"/no/such/program"}), "");
+    EXPECT_EQ(task.execute({i % 2 == 0 ? "/no/such/program" : notExecutable}), "");
     EXPECT_EQ(task.executeWithTimeout({"/bin/echo", "z"}, 10), "z");
   }
   EXPECT_EQ(openDescriptors(), before);
