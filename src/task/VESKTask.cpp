@@ -143,7 +143,7 @@ std::string VESKTask::run(const Command& command, const std::optional<std::strin
       resultsData_.clear();
       while (std::optional<OutputPump::Chunk> chunk = pump->next())
         outputNotify(streams[chunk->stream], chunk->bytes);
-      output = resultsData_;
+      output = std::move(resultsData_);
     } else {
       output = child->readOutputToEnd(answer ? std::optional<std::string>(*answer + "\n")
                                              : std::nullopt);

@@ -207,8 +207,6 @@ std::string ChildProcess::readOutputToEnd(std::optional<std::string_view> input)
   if (input && inputFd_ >= 0) {
     ::fcntl(inputFd_, F_SETFL, ::fcntl(inputFd_, F_GETFL) | O_NONBLOCK);
     if (pending.empty()) closeInput();
-  } else if (input) {
-    pending = {};
   }
   while (outputFd_ >= 0) {
     const bool writing = input && inputFd_ >= 0;
