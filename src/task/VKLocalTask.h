@@ -12,7 +12,8 @@ class VKLocalTask : public VESKTask {
  protected:
   void writeToConsole(const std::string& text) override;
   void logError(const std::string& message, bool verbose) override;
-  // This process's environment with ":" and the client's tool folder appended to PATH.
+  // This process's environment with ":" and the client's tool folder appended to PATH. A
+  // set-user-id run passes on only a safe part of it, under a fixed PATH.
   void setupEnvironment() override;
 };
 
