@@ -17,7 +17,8 @@ constexpr const char* kLogName = "vesk.log";
 constexpr std::int32_t kRotationThreshold = 99'999'999;  // a log of 100,000,000 bytes rotates
 constexpr int kGenerations = 10;
 
-// What the writer creates belongs to owner 0 and group 80, mode 0755.
+// What the writer creates belongs to owner 0 and group 80, mode 0755. The owner and group are
+// set only when this process runs as root; any other run keeps its own and the mode.
 constexpr FileAttributes kLogAttributes{0, 80, 0755};
 
 // Set while this thread rotates: a line that the compression logs (gzip failing to start)
@@ -26,6 +27,9 @@ thread_local bool rotating = false;
 
 void rotate(const LogFile& log, const std::string& directory, const std::string& path) {
   rotating = true;
+  struct Done {
+    ~Done() { rotating = false; }
+  } done;
   for (int i = kGenerations - 1; i >= 1; --i) {
     const std::string older = fmt::format("{}/{}.{}.gz", directory, kLogName, i);
     const std::string newer = fmt::format("{}/{}.{}.gz", directory, kLogName, i + 1);
@@ -38,7 +42,6 @@ void rotate(const LogFile& log, const std::string& directory, const std::string&
   if (fileExistsAtPath(one)) removeItemAtPath(one);
   moveItemAtPath(compressed, one);
   removeItemAtPath(path);  // in case gzip left it behind
-  rotating = false;
 }
 
 // The log opened for appending; created with the client's attributes when missing. The log
