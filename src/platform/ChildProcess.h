@@ -30,8 +30,9 @@ struct ChildProcessPlan {
 
 // One child program, started without a shell.
 //
-// The pipe operations (writeInput, closeInput, readOutputToEnd, the release calls) and
-// waitUntilExit belong to the thread that launched the child. isRunning, terminationStatus,
+// The pipe operations (writeInput, closeInput, the reads, the release calls) belong to the
+// thread that launched the child, as does waitUntilExit while a separate standard error pipe
+// is still held here; without one, any thread may wait. isRunning, terminationStatus,
 // terminate, suspend and resume may be called from any thread at any time: they never signal
 // a process id once the child has been reaped, so they cannot hit an unrelated process that
 // inherited the number. Destroying an object whose child still runs leaves the child running
