@@ -45,8 +45,11 @@ void rotate(const LogFile& log, const std::string& directory, const std::string&
 }
 
 // The log opened for appending; created with the client's attributes when missing. The log
-// folder belongs to root, so the last component is not followed when it is a link.
+// folder belongs to root, so the last component is not followed when it is a link. The file
+// usually exists, so that is tried first: one call per line.
 int openForAppending(const std::string& path) {
+  const int existing = ::open(path.c_str(), O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC);
+  if (existing >= 0 || errno != ENOENT) return existing;
   const int created =
       ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
              kLogAttributes.permissions);
@@ -54,6 +57,7 @@ int openForAppending(const std::string& path) {
     applyAttributes(created, kLogAttributes);
     return created;
   }
+  // Another writer created it in between.
   return ::open(path.c_str(), O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC);
 }
 

@@ -74,7 +74,7 @@ void VKLogging::logEventMessage(const std::string& message) {
 }
 
 void VKLogging::printlnMessage(const std::string& message) {
-  synchronizedPrintln("{}", message);
+  writeConsoleLine(message);
   addToPolicyEvents(message);
 }
 
@@ -83,8 +83,8 @@ void VKLogging::printlnVerboseMessage(const std::string& message) {
 }
 
 void VKLogging::logEventAndPrintVerboseMessage(const std::string& message) {
-  logEvent("{}", message);
-  printlnVerbose("{}", message);
+  logEventMessage(message);
+  if (commandVerbose()) printlnVerboseMessage(message);
 }
 
 void VKLogging::writeConsoleLine(std::string_view message) {

@@ -21,7 +21,7 @@ enum class StdioMode {
 struct ChildProcessPlan {
   std::string path;                    // the executable; never looked up on PATH
   std::vector<std::string> arguments;  // without the program name, which is `path`
-  // "NAME=value" entries; nullopt passes the parent's environment on.
+  // "NAME=value" entries; nullopt passes on what inheritableEnvironment() gives.
   std::optional<std::vector<std::string>> environment;
   StdioMode input = StdioMode::kInherit;
   StdioMode output = StdioMode::kInherit;

@@ -19,7 +19,9 @@ namespace vesk {
 namespace {
 
 // What callers get of a child's output: UTF-8 text without white space at either end.
-std::string outputText(const std::string& raw) { return strip(makeValidUtf8(raw)); }
+std::string outputText(const std::string& raw) {
+  return isValidUtf8(raw) ? strip(raw) : strip(makeValidUtf8(raw));
+}
 
 std::string commandDescription(const Command& command) {
   Array words;

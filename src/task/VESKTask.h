@@ -111,7 +111,8 @@ class VESKTask {
  protected:
   // Hooks for subclasses. writeToConsole echoes output while it is read; logError reports a
   // failure of the runner itself; setupEnvironment decides the child's environment, by
-  // calling setChildEnvironment (the base passes this process's environment on unchanged).
+  // calling setChildEnvironment (the base passes on this process's environment, as far as a
+  // child may inherit it).
   virtual void writeToConsole(const std::string& text);
   virtual void logError(const std::string& message, bool verbose);
   virtual void setupEnvironment() {}

@@ -12,26 +12,42 @@
 namespace vesk {
 namespace {
 
+// A copy of one of the test helpers, in a folder of its own, that the test can give away.
+class Probe {
+ public:
+  explicit Probe(const std::string& name) : path_(folder_.path() / name) {
+    std::filesystem::copy_file(std::string(VESK_HELPERS_DIR) + "/" + name, path_);
+    ::chmod(folder_.path().c_str(), 0755);
+  }
+  test::ProgramResult run(const std::vector<std::string>& environment) const {
+    return test::runProgram(path_.string(), {}, environment);
+  }
+  // From now on it runs as nobody, whoever starts it.
+  bool makeSetUserIdNobody() const {
+    return ::chown(path_.c_str(), 65534, 65534) == 0 && ::chmod(path_.c_str(), 04755) == 0;
+  }
+
+ private:
+  test::TemporaryFolder folder_;
+  std::filesystem::path path_;
+};
+
 TEST(SetUserId, TheSandboxAndVersionOverridesAreIgnoredAndNotPassedOn) {
   if (::getuid() != 0) GTEST_SKIP() << "needs root to give a program to another user";
-  test::TemporaryFolder folder;
-  const std::filesystem::path probe = folder.path() / "env_probe";
-  std::filesystem::copy_file(std::string(VESK_HELPERS_DIR) + "/env_probe", probe);
-  ::chmod(folder.path().c_str(), 0755);
+  const Probe probe("env_probe");
 
   std::vector<std::string> environment = test::environmentWithout({"VESK_ROOT", "VESK_OS_VERSION"});
   environment.push_back("VESK_ROOT=/tmp/elsewhere");
   environment.push_back("VESK_OS_VERSION=10.6.8");
 
   // Without the bit the overrides apply, so the check below can tell the difference.
-  const auto plain = test::runProgram(probe.string(), {}, environment);
+  const auto plain = probe.run(environment);
   EXPECT_EQ(
       plain.output,
       "children see=/tmp/elsewhere\npath=/tmp/elsewhere/usr/bin/gzip\nos=10.6.8\nuid=0 euid=0\n");
 
-  ASSERT_EQ(::chown(probe.c_str(), 65534, 65534), 0);
-  ASSERT_EQ(::chmod(probe.c_str(), 04755), 0);
-  const auto elevated = test::runProgram(probe.string(), {}, environment);
+  ASSERT_TRUE(probe.makeSetUserIdNobody());
+  const auto elevated = probe.run(environment);
   if (elevated.output.find("euid=0") != std::string::npos)
     GTEST_SKIP() << "this file system ignores the set-user-id bit";
   EXPECT_EQ(elevated.output,
@@ -41,10 +57,7 @@ TEST(SetUserId, TheSandboxAndVersionOverridesAreIgnoredAndNotPassedOn) {
 
 TEST(SetUserId, ChildrenGetAFixedPathAndNoneOfTheStartersShellSettings) {
   if (::getuid() != 0) GTEST_SKIP() << "needs root to give a program to another user";
-  test::TemporaryFolder folder;
-  const std::filesystem::path probe = folder.path() / "task_env_probe";
-  std::filesystem::copy_file(std::string(VESK_HELPERS_DIR) + "/task_env_probe", probe);
-  ::chmod(folder.path().c_str(), 0755);
+  const Probe probe("task_env_probe");
   const std::vector<std::string> hostile = {"PATH=/tmp/evil:/usr/bin",
                                             "BASH_ENV=/tmp/evil.sh",
                                             "IFS=x",
@@ -53,13 +66,12 @@ TEST(SetUserId, ChildrenGetAFixedPathAndNoneOfTheStartersShellSettings) {
                                             "LC_ALL=/tmp/evil",
                                             "TERM=xterm"};
 
-  const auto plain = test::runProgram(probe.string(), {}, hostile);
+  const auto plain = probe.run(hostile);
   EXPECT_NE(plain.output.find("BASH_ENV=/tmp/evil.sh\n"), std::string::npos) << plain.output;
   EXPECT_NE(plain.output.find("PATH=/tmp/evil:/usr/bin:/usr/local/vesk/bin\n"), std::string::npos);
 
-  ASSERT_EQ(::chown(probe.c_str(), 65534, 65534), 0);
-  ASSERT_EQ(::chmod(probe.c_str(), 04755), 0);
-  const auto elevated = test::runProgram(probe.string(), {}, hostile);
+  ASSERT_TRUE(probe.makeSetUserIdNobody());
+  const auto elevated = probe.run(hostile);
   if (elevated.output.starts_with("euid=0\n"))
     GTEST_SKIP() << "this file system ignores the set-user-id bit";
   EXPECT_EQ(

@@ -14,8 +14,7 @@
 #include <thread>
 
 #include "foundation/Exception.h"
-
-extern char** environ;
+#include "platform/ProcessSecurity.h"
 
 namespace vesk {
 namespace {
@@ -142,14 +141,14 @@ std::unique_ptr<ChildProcess> ChildProcess::launch(const ChildProcessPlan& plan)
   argvStrings.push_back(plan.path);
   argvStrings.insert(argvStrings.end(), plan.arguments.begin(), plan.arguments.end());
   std::vector<char*> argv = cStrings(argvStrings);
-  std::vector<std::string> envStrings = plan.environment.value_or(std::vector<std::string>{});
+  std::vector<std::string> envStrings =
+      plan.environment ? *plan.environment : inheritableEnvironment();
   std::vector<char*> envp = cStrings(envStrings);
 
   // glibc reaps a child whose exec failed before posix_spawn returns, so a failure here
   // leaves no zombie; the pipes close with their guards.
   pid_t pid = -1;
-  const int rc = posix_spawn(&pid, plan.path.c_str(), &actions, &attr, argv.data(),
-                             plan.environment ? envp.data() : environ);
+  const int rc = posix_spawn(&pid, plan.path.c_str(), &actions, &attr, argv.data(), envp.data());
   posix_spawnattr_destroy(&attr);
   if (rc != 0)
     throw Exception("NSInvalidArgumentException",
