@@ -6,7 +6,15 @@
 #include <optional>
 #include <string>
 
+#include "foundation/Error.h"
+#include "foundation/Value.h"
+
 namespace vesk {
+
+// The keys of an attribute dictionary (setAttributesOfItemAtPath); each value a number.
+inline constexpr const char* kFileOwnerAccountID = "NSFileOwnerAccountID";
+inline constexpr const char* kFileGroupOwnerAccountID = "NSFileGroupOwnerAccountID";
+inline constexpr const char* kFilePosixPermissions = "NSFilePosixPermissions";
 
 // Owner, group and permissions for what the client creates. The owner and group are applied
 // only when this process runs as root: no one else may give a file away, and a run without
@@ -22,11 +30,25 @@ struct FileAttributes {
 bool fileExistsAtPath(const std::string& path);
 // Creates `path` and whatever parents are missing, each new folder with `attributes`.
 bool createDirectoryAtPath(const std::string& path, const FileAttributes& attributes);
+// Whether something exists at `path` and it is a folder (a link to a folder counts).
+bool isDirectory(const std::string& path);
+// Removes the file or folder at `path`, a folder with everything in it. Links are removed,
+// never followed, so nothing outside the folder is touched.
 bool removeItemAtPath(const std::string& path);
 bool moveItemAtPath(const std::string& from, const std::string& to);
+// The bytes of the file at `path`; nullopt when it cannot be read.
+std::optional<std::string> contentsAtPath(const std::string& path);
 // The size of the file at `path`; nullopt when it cannot be read.
 std::optional<std::uint64_t> fileSizeAtPath(const std::string& path);
 // Gives an open file `attributes` (see FileAttributes for when the owner applies).
 void applyAttributes(int fd, const FileAttributes& attributes);
+// The owner, group and permissions of the item at `path` itself (a link is not followed).
+std::optional<FileAttributes> attributesOfItemAtPath(const std::string& path);
+// Applies the entries of an attribute dictionary to the item at `path`; entries it lacks
+// are left as they are. A link is never followed: its target keeps its attributes. The owner
+// and group apply only as root (see FileAttributes). False when a change failed.
+bool setAttributesOfItemAtPath(const Dictionary& attributes, const std::string& path);
+// Adds the permission bits `mode` to the file at `path`.
+bool addPosixPermission(mode_t mode, const std::string& path);
 
 }  // namespace vesk

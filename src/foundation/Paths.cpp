@@ -25,4 +25,18 @@ std::string fsPath(std::string_view path) {
   return *root + std::string(path);
 }
 
+std::string stringByAppendingPathComponent(std::string_view base, std::string_view component) {
+  std::string joined(base);
+  if (!joined.empty()) joined.push_back('/');
+  joined.append(component);
+  std::string path;
+  path.reserve(joined.size());
+  for (const char c : joined) {
+    if (c == '/' && !path.empty() && path.back() == '/') continue;
+    path.push_back(c);
+  }
+  if (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
 }  // namespace vesk

@@ -21,4 +21,8 @@ void forgetIgnoredOverrides();
 // A set-user-id run ignores VESK_ROOT, so no one can redirect what it reads, writes or runs.
 std::string fsPath(std::string_view path);
 
+// `component` joined to `base` as a path: one "/" between them, runs of "/" made one and a
+// trailing "/" dropped. An empty base gives the component alone, so "" and "/a/b" give "/a/b".
+std::string stringByAppendingPathComponent(std::string_view base, std::string_view component);
+
 }  // namespace vesk

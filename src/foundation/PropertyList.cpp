@@ -9,9 +9,9 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <fstream>
-#include <iterator>
 #include <memory>
+
+#include "foundation/FileManager.h"
 
 namespace vesk {
 namespace {
@@ -188,14 +188,13 @@ Value propertyListFromBytes(std::string_view bytes, Error* error) {
 }
 
 Value readPropertyListFile(const std::string& path, Error* error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+  const std::optional<std::string> bytes = contentsAtPath(path);
+  if (!bytes) {
     setError(error,
              readError(fmt::format("The file \u201c{}\u201d couldn\u2019t be opened.", path)));
     return Value();
   }
-  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  return propertyListFromBytes(bytes, error);
+  return propertyListFromBytes(*bytes, error);
 }
 
 std::string xmlPropertyList(const Value& value) {
@@ -230,11 +229,15 @@ bool writePropertyListAtomically(const std::string& path, const Value& value, Er
   const std::string text = xmlPropertyList(value);
   mode_t mode = 0644;
   struct stat st {};
-  if (::stat(path.c_str(), &st) == 0) mode = st.st_mode & 07777;
+  const bool replacing = ::stat(path.c_str(), &st) == 0;
+  if (replacing) mode = st.st_mode & 07777;
 
   std::string temp = path + ".XXXXXX";
   const int fd = ::mkstemp(temp.data());
   if (fd < 0) return fail("Failed to create a temporary file for");
+  // The new file takes the old one's place with its owner too, as far as this process may
+  // give files away.
+  if (replacing && ::geteuid() == 0) (void)::fchown(fd, st.st_uid, st.st_gid);
   bool ok = ::fchmod(fd, mode) == 0;
   for (std::size_t done = 0; ok && done < text.size();) {
     const ssize_t n = ::write(fd, text.data() + done, text.size() - done);

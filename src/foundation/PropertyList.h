@@ -31,7 +31,8 @@ std::string xmlPropertyList(const Value& value);
 std::string binaryPropertyList(const Value& value);
 
 // Writes the XML form to a temporary file beside `path` and renames it over `path`, so that a
-// reader never sees half a file. A new file gets mode 0644; an existing one keeps its mode.
+// reader never sees half a file. A new file gets mode 0644; an existing one keeps its mode,
+// and its owner and group when this process runs as root.
 bool writePropertyListAtomically(const std::string& path, const Value& value,
                                  Error* error = nullptr);
 

@@ -80,6 +80,9 @@ class ChildProcess {
   bool isRunning();
   // The exit status, or the number of the signal that ended the child; 0 while it runs.
   int terminationStatus();
+  // The status as wait() reports it, the form the C library's system() returns: the exit
+  // status shifted left by eight bits, or the signal number; 0 while the child runs.
+  int waitStatus();
 
   void terminate();  // SIGTERM: a polite request
   void suspend();    // SIGSTOP
@@ -101,6 +104,7 @@ class ChildProcess {
   std::mutex lock_;
   bool exited_ = false;  // guarded by lock_
   int status_ = 0;       // guarded by lock_
+  int waitStatus_ = 0;   // guarded by lock_
 };
 
 }  // namespace vesk

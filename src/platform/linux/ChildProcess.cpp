@@ -276,11 +276,18 @@ int ChildProcess::terminationStatus() {
   return status_;
 }
 
+int ChildProcess::waitStatus() {
+  std::lock_guard<std::mutex> hold(lock_);
+  reapLocked();
+  return waitStatus_;
+}
+
 bool ChildProcess::reapLocked() {
   if (exited_) return true;
   int waitStatus = 0;
   const pid_t r = ::waitpid(pid_, &waitStatus, WNOHANG);
   if (r == pid_) {
+    if (WIFEXITED(waitStatus) || WIFSIGNALED(waitStatus)) waitStatus_ = waitStatus;
     if (WIFEXITED(waitStatus)) {
       status_ = WEXITSTATUS(waitStatus);
       exited_ = true;
