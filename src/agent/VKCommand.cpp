@@ -9,6 +9,7 @@
 #include <random>
 
 #include "agent/VKEnvironmentInfo.h"
+#include "config/VKLogLevelSettings.h"
 #include "foundation/Exception.h"
 #include "foundation/StringHelpers.h"
 #include "logging/VKLogging.h"
@@ -22,6 +23,7 @@ struct Globals {
   Globals() {
     VKLogging::setCommandSwitches(&VKCommand::verbose, &VKCommand::debug);
     VKLogging::setLogFileSources(&VKEnvironmentInfo::getComputerName, &compressWithGzip);
+    VKLogging::setLogLevelReader([] { return VKLogLevelSettings().readGlobalLogLevel(); });
   }
 
   std::atomic<bool> verbose{false};

@@ -106,8 +106,16 @@ void VKLogging::logError(const Error* error, std::string_view message) {
 }
 
 int VKLogging::globalLogLevel() {
+  // The reader runs a child; should anything on its way ask for the level, it gets the
+  // normal one instead of waiting on the read it is part of.
+  thread_local bool reading = false;
+  if (reading) return 1;
   std::call_once(levelRead, [] {
     const LogLevelReader reader = logLevelReader.load();
+    reading = true;
+    struct Done {
+      ~Done() { reading = false; }
+    } done;
     globalLevel = reader != nullptr ? reader() : 1;
   });
   return globalLevel.load();

@@ -69,4 +69,12 @@ std::string readFile(const std::filesystem::path& path) {
   return buffer.str();
 }
 
+void useSandbox(const std::filesystem::path& root) {
+  std::vector<std::string> environment = environmentWithout({"VESK_ROOT"});
+  environment.push_back(std::string("VESK_DEFAULTS_TOOL=") + VESK_DEFAULTS_TOOL);
+  const ProgramResult made = runProgram(VESK_MAKE_SANDBOX, {root.string()}, environment, true);
+  if (made.status != 0) throw std::runtime_error("make-sandbox failed: " + made.output);
+  ::setenv("VESK_ROOT", root.c_str(), 1);
+}
+
 }  // namespace vesk::test

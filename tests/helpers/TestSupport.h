@@ -39,4 +39,8 @@ class TemporaryFolder {
 
 std::string readFile(const std::filesystem::path& path);
 
+// Prepares `root` as a client root with scripts/make-sandbox (folders, tools, vesk-defaults)
+// and points this process's VESK_ROOT at it.
+void useSandbox(const std::filesystem::path& root);
+
 }  // namespace vesk::test

@@ -1,0 +1,73 @@
+#include "config/VKDefaultsWrapper.h"
+
+#include "foundation/Paths.h"
+#include "foundation/StringHelpers.h"
+
+namespace vesk {
+namespace {
+
+std::vector<std::string> toolCommand(std::initializer_list<std::string> arguments) {
+  std::vector<std::string> command{fsPath("/usr/bin/defaults")};
+  command.insert(command.end(), arguments);
+  return command;
+}
+
+bool endsWithPlistInAnyCase(std::string_view path) {
+  constexpr std::string_view kExtension = ".plist";
+  if (path.size() < kExtension.size()) return false;
+  const std::string_view tail = path.substr(path.size() - kExtension.size());
+  for (std::size_t i = 0; i < tail.size(); ++i) {
+    const char c = tail[i];
+    if ((c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c) != kExtension[i])
+      return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string VKDefaultsWrapper::readStringDefault(const std::string& key,
+                                                 const std::string& fromFile) {
+  return localTask().execute(toolCommand({"read", stripPlistExtension(fromFile), key}));
+}
+
+bool VKDefaultsWrapper::readBooleanDefault(const std::string& key, const std::string& fromFile) {
+  return boolValue(readStringDefault(key, fromFile));
+}
+
+bool VKDefaultsWrapper::readBooleanDefaultWithNewWrapper(const std::string& key,
+                                                         const std::string& fromFile) {
+  return VKDefaultsWrapper().readBooleanDefault(key, fromFile);
+}
+
+void VKDefaultsWrapper::writeStringValue(const std::string& value, const std::string& forKey,
+                                         const std::string& toFile) {
+  writeDefault(toolCommand({"write", stripPlistExtension(toFile), forKey, value}));
+}
+
+void VKDefaultsWrapper::writeBooleanValue(bool value, const std::string& forKey,
+                                          const std::string& toFile) {
+  writeDefault(toolCommand(
+      {"write", stripPlistExtension(toFile), forKey, "-bool", value ? "true" : "false"}));
+}
+
+void VKDefaultsWrapper::writeStringValues(const Dictionary& values, const std::string& toFile) {
+  for (const auto& [key, value] : values) writeStringValue(value.stringValue(), key, toFile);
+}
+
+void VKDefaultsWrapper::deleteDefaultForKey(const std::string& key, const std::string& inFile) {
+  writeDefault(toolCommand({"delete", stripPlistExtension(inFile), key}));
+}
+
+void VKDefaultsWrapper::writeDefault(const std::vector<std::string>& arguments) {
+  // What the tool says and how it ends is not looked at: a write either happened or not.
+  (void)localTask().execute(arguments);
+}
+
+std::string VKDefaultsWrapper::stripPlistExtension(const std::string& path) {
+  std::string trimmed = trim(path);
+  if (endsWithPlistInAnyCase(trimmed)) trimmed.resize(trimmed.size() - 6);
+  return trimmed;
+}
+
+}  // namespace vesk
