@@ -149,3 +149,6 @@ class Dictionary {
 };
 
 }  // namespace vesk
+
+// Value holds errors by value, so whoever uses a Value needs the whole Error.
+#include "foundation/Error.h"  // IWYU pragma: export

@@ -8,6 +8,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "foundation/RunLoop.h"
 #include "platform/ChildProcess.h"
 
 extern char** environ;
@@ -67,6 +68,15 @@ std::string readFile(const std::filesystem::path& path) {
   std::stringstream buffer;
   buffer << in.rdbuf();
   return buffer.str();
+}
+
+bool pollUntil(const std::function<bool()>& condition, double seconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    RunLoop::current().runUntil(0.005);
+  }
+  return true;
 }
 
 void useSandbox(const std::filesystem::path& root) {

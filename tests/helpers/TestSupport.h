@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,11 @@ class TemporaryFolder {
 };
 
 std::string readFile(const std::filesystem::path& path);
+
+// Runs this thread's loop in short turns until `condition` holds, checking between turns, for
+// conditions that no event of this process announces (a name taken on the bus); false when
+// `seconds` passed first.
+bool pollUntil(const std::function<bool()>& condition, double seconds = 10);
 
 // Prepares `root` as a client root with scripts/make-sandbox (folders, tools, vesk-defaults)
 // and points this process's VESK_ROOT at it.

@@ -1,0 +1,163 @@
+#include "notifications/DistributedNotificationCenter.h"
+
+#include <gio/gio.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "foundation/RunLoop.h"
+#include "logging/VKLogging.h"
+#include "notifications/BusUsers.h"
+#include "notifications/DBusValue.h"
+#include "notifications/SystemBus.h"
+
+namespace vesk {
+
+struct DistributedNotificationCenter::Observer {
+  std::optional<std::string> name;
+  Handler handler;
+  GMainContext* context = nullptr;  // a reference of our own: where the handler runs
+  GDBusConnection* bus = nullptr;   // a reference of our own, while subscribed
+  guint subscription = 0;
+  std::atomic<bool> active{true};
+
+  ~Observer() {
+    if (subscription != 0) g_dbus_connection_signal_unsubscribe(bus, subscription);
+    if (bus != nullptr) g_object_unref(bus);
+    if (context != nullptr) g_main_context_unref(context);
+  }
+};
+
+namespace {
+
+std::optional<std::string> objectFromWire(const char* object) {
+  if (object == nullptr || *object == '\0') return std::nullopt;
+  return std::string(object);
+}
+
+}  // namespace
+
+DistributedNotificationCenter& DistributedNotificationCenter::defaultCenter() {
+  static DistributedNotificationCenter* center = new DistributedNotificationCenter();
+  return *center;
+}
+
+DistributedNotificationCenter::ObserverId DistributedNotificationCenter::addObserver(
+    const std::optional<std::string>& name, Handler handler) {
+  auto observer = std::make_shared<Observer>();
+  observer->name = name;
+  observer->handler = std::move(handler);
+  observer->context = g_main_context_ref(RunLoop::current().context());
+
+  std::string why;
+  GDBusConnection* bus = systemBus(&why);
+  // Learn who connects from now on, so that a sender that posts and leaves can be checked.
+  if (bus != nullptr) BusUsers::shared().start();
+  if (bus != nullptr) {
+    observer->bus = static_cast<GDBusConnection*>(g_object_ref(bus));
+    struct Data {
+      DistributedNotificationCenter* center;
+      std::weak_ptr<Observer> observer;
+    };
+    // Subscribed from this thread, so GDBus calls back on this thread's run loop.
+    observer->subscription = g_dbus_connection_signal_subscribe(
+        bus, nullptr, kDistributedInterface, "Notification", kDistributedPath,
+        name ? name->c_str() : nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+        [](GDBusConnection*, const gchar* sender, const gchar*, const gchar*, const gchar*,
+           GVariant* parameters, gpointer data) {
+          auto* subscription = static_cast<Data*>(data);
+          const std::shared_ptr<Observer> observer = subscription->observer.lock();
+          if (!observer || !g_variant_is_of_type(parameters, G_VARIANT_TYPE("(ssa{sv})"))) return;
+          const gchar* name = nullptr;
+          const gchar* object = nullptr;
+          GVariant* info = nullptr;
+          g_variant_get(parameters, "(&s&s@a{sv})", &name, &object, &info);
+          const Dictionary userInfo = dictionaryFromVariant(info);
+          g_variant_unref(info);
+          subscription->center->received(observer, sender != nullptr ? sender : "", name,
+                                         objectFromWire(object), userInfo);
+        },
+        new Data{this, observer}, [](gpointer data) { delete static_cast<Data*>(data); });
+  } else {
+    VKLogging::logEventAndPrintVerbose("Unable to observe distributed notifications: {}", why);
+  }
+
+  std::lock_guard<std::mutex> hold(lock_);
+  const ObserverId id = nextId_++;
+  observers_.emplace(id, std::move(observer));
+  return id;
+}
+
+void DistributedNotificationCenter::removeObserver(ObserverId id) {
+  std::shared_ptr<Observer> observer;
+  {
+    std::lock_guard<std::mutex> hold(lock_);
+    const auto found = observers_.find(id);
+    if (found == observers_.end()) return;
+    observer = std::move(found->second);
+    observers_.erase(found);
+  }
+  observer->active = false;  // deliveries already queued for it are dropped
+}
+
+bool DistributedNotificationCenter::postNotificationName(const std::string& name,
+                                                         const std::optional<std::string>& object,
+                                                         const Dictionary& userInfo) {
+  std::string why;
+  GDBusConnection* bus = systemBus(&why);
+  GError* error = nullptr;
+  if (bus != nullptr && g_dbus_connection_emit_signal(
+                            bus, nullptr, kDistributedPath, kDistributedInterface, "Notification",
+                            g_variant_new("(ss@a{sv})", name.c_str(), object.value_or("").c_str(),
+                                          variantFromDictionary(userInfo)),
+                            &error))
+    return true;
+  if (error != nullptr) why = error->message;
+  g_clear_error(&error);
+  VKLogging::logEventAndPrintVerbose("Unable to post distributed notification [{}] - {}.", name,
+                                     why);
+  return false;
+}
+
+void DistributedNotificationCenter::deliverLocally(const std::string& name,
+                                                   const std::optional<std::string>& object,
+                                                   const Dictionary& userInfo) {
+  std::lock_guard<std::mutex> hold(lock_);
+  for (const auto& [id, observer] : observers_) {
+    if (observer->name && *observer->name != name) continue;
+    RunLoop::postTo(observer->context, [observer, name, object, userInfo] {
+      if (observer->active) observer->handler(name, object, userInfo);
+    });
+  }
+}
+
+void DistributedNotificationCenter::received(const std::shared_ptr<Observer>& observer,
+                                             const std::string& sender, const std::string& name,
+                                             const std::optional<std::string>& object,
+                                             const Dictionary& userInfo) {
+  if (!observer->active || !senderAllowed(sender)) return;
+  observer->handler(name, object, userInfo);
+}
+
+bool DistributedNotificationCenter::senderAllowed(const std::string& sender) {
+  {
+    std::lock_guard<std::mutex> hold(lock_);
+    const auto known = senders_.find(sender);
+    if (known != senders_.end()) return known->second;
+  }
+  // A connection's user never changes, and unique names are never reused on one bus, so the
+  // answer is kept.
+  const std::optional<uid_t> uid = BusUsers::shared().uidOf(sender);
+  const bool allowed = uid && (*uid == 0 || *uid == ::getuid() || *uid == ::geteuid());
+  {
+    std::lock_guard<std::mutex> hold(lock_);
+    senders_.emplace(sender, allowed);
+  }
+  if (!allowed)
+    VKLogging::logEventAndPrintVerbose(
+        "Dropped distributed notifications from {} (uid {}): only root and this user may post",
+        sender, uid ? static_cast<long>(*uid) : -1L);
+  return allowed;
+}
+
+}  // namespace vesk

@@ -1,0 +1,230 @@
+// vesk-center: the daemon's side of the notification channel, for administrators, tests and
+// the demo.
+//
+//   vesk-center serve                     own the daemon's name; print every post as JSON
+//   vesk-center post NAME [key=value...]  post to the daemon's center, as an agent does
+//   vesk-center notify NAME [key=value...] post a distributed notification
+//
+// Values that read as integers travel as integers, true and false as booleans, the rest as
+// strings. `serve` prints one JSON object per line, {"name":...,"userInfo":{...}}, and stops
+// on SIGINT or SIGTERM.
+
+#include <fmt/format.h>
+#include <gio/gio.h>
+#include <glib-unix.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "foundation/Error.h"
+#include "foundation/Exception.h"
+#include "foundation/RunLoop.h"
+#include "foundation/Value.h"
+#include "notifications/DistributedNotificationCenter.h"
+#include "notifications/SystemBus.h"
+#include "notifications/VESKNotificationCenter.h"
+
+namespace {
+
+using vesk::Dictionary;
+using vesk::Value;
+
+int usage() {
+  std::fputs(
+      "Usage: vesk-center serve\n"
+      "       vesk-center post NAME [key=value...]\n"
+      "       vesk-center notify NAME [key=value...]\n",
+      stderr);
+  return 1;
+}
+
+int fail(const std::string& message) {
+  fmt::print(stderr, "vesk-center: {}\n", message);
+  return 1;
+}
+
+void appendJsonString(std::string& out, std::string_view text) {
+  out += '"';
+  for (const char c : text) {
+    switch (c) {
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      default:
+        if (static_cast<unsigned char>(c) < 0x20) {
+          out += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
+        } else {
+          out += c;
+        }
+    }
+  }
+  out += '"';
+}
+
+void appendJson(std::string& out, const Value& value);
+
+void appendJsonObject(std::string& out, const Dictionary& dictionary) {
+  out += '{';
+  bool first = true;
+  for (const auto& [key, value] : dictionary) {
+    if (!first) out += ',';
+    first = false;
+    appendJsonString(out, key);
+    out += ':';
+    appendJson(out, value);
+  }
+  out += '}';
+}
+
+void appendJson(std::string& out, const Value& value) {
+  switch (value.type()) {
+    case Value::Type::Nil:
+      out += "null";
+      break;
+    case Value::Type::Bool:
+      out += value.boolValue() ? "true" : "false";
+      break;
+    case Value::Type::Int:
+    case Value::Type::UInt:
+      out += value.stringValue();
+      break;
+    case Value::Type::Double:
+      out += std::isfinite(value.doubleValue()) ? fmt::format("{}", value.doubleValue()) : "null";
+      break;
+    case Value::Type::String:
+      appendJsonString(out, *value.string());
+      break;
+    case Value::Type::Data: {
+      const vesk::Data& bytes = *value.data();
+      gchar* encoded = g_base64_encode(bytes.data(), bytes.size());
+      appendJsonString(out, encoded);
+      g_free(encoded);
+      break;
+    }
+    case Value::Type::Array: {
+      out += '[';
+      bool first = true;
+      for (const Value& item : *value.array()) {
+        if (!first) out += ',';
+        first = false;
+        appendJson(out, item);
+      }
+      out += ']';
+      break;
+    }
+    case Value::Type::Dictionary:
+      appendJsonObject(out, *value.dictionary());
+      break;
+    case Value::Type::Error: {
+      const vesk::Error& error = *value.error();
+      out += "{\"domain\":";
+      appendJsonString(out, error.domain());
+      out += fmt::format(",\"code\":{},\"userInfo\":", error.code());
+      appendJsonObject(out, error.userInfo());
+      out += '}';
+      break;
+    }
+  }
+}
+
+Value typedValue(const std::string& text) {
+  if (text == "true") return Value(true);
+  if (text == "false") return Value(false);
+  const std::size_t digits = !text.empty() && text[0] == '-' ? 1 : 0;
+  if (text.size() > digits && text.find_first_not_of("0123456789", digits) == std::string::npos) {
+    errno = 0;
+    const long long number = std::strtoll(text.c_str(), nullptr, 10);
+    if (errno != ERANGE) return Value(number);
+  }
+  return Value(text);
+}
+
+bool parseUserInfo(char** begin, char** end, Dictionary* userInfo) {
+  for (char** argument = begin; argument != end; ++argument) {
+    const std::string pair = *argument;
+    const std::size_t equals = pair.find('=');
+    if (equals == std::string::npos || equals == 0) return false;
+    userInfo->set(pair.substr(0, equals), typedValue(pair.substr(equals + 1)));
+  }
+  return true;
+}
+
+int serve() {
+  std::string why;
+  if (vesk::systemBus(&why) == nullptr) return fail("no system bus: " + why);
+  auto center = vesk::VESKNotificationCenter::initForDaemonWithName(vesk::kDaemonCenterName);
+  center->setMonitor(
+      [](const std::string& name, const std::optional<std::string>&, const Dictionary& userInfo) {
+        std::string line = "{\"name\":";
+        appendJsonString(line, name);
+        line += ",\"userInfo\":";
+        appendJsonObject(line, userInfo);
+        line += "}\n";
+        std::fwrite(line.data(), 1, line.size(), stdout);
+        std::fflush(stdout);
+      });
+  center->prepareVendingMachine();
+  if (!center->isVended()) return 1;  // the center has said why on standard error
+
+  static bool stop = false;
+  auto stopLoop = [](gpointer) -> gboolean {
+    stop = true;
+    return G_SOURCE_CONTINUE;
+  };
+  g_unix_signal_add(SIGINT, stopLoop, nullptr);
+  g_unix_signal_add(SIGTERM, stopLoop, nullptr);
+  while (!stop) vesk::RunLoop::current().runUntilCondition([] { return stop; }, 3600);
+  return 0;
+}
+
+int post(const std::string& name, const Dictionary& userInfo) {
+  std::string why;
+  if (vesk::systemBus(&why) == nullptr) return fail("no system bus: " + why);
+  const auto proxy = vesk::VESKNotificationCenter::centerFromDaemon();
+  if (!proxy) return fail(fmt::format("no daemon owns {}", vesk::kDaemonCenterName));
+  try {
+    proxy->postNotificationNameOptions(name, std::nullopt, userInfo, vesk::kPostOptions);
+  } catch (const vesk::Exception& e) {
+    return fail("the post failed: " + e.reason());
+  }
+  return 0;
+}
+
+int notify(const std::string& name, const Dictionary& userInfo) {
+  std::string why;
+  GDBusConnection* bus = vesk::systemBus(&why);
+  if (bus == nullptr) return fail("no system bus: " + why);
+  if (!vesk::DistributedNotificationCenter::defaultCenter().postNotificationName(name, std::nullopt,
+                                                                                 userInfo))
+    return fail("the notification could not be sent");
+  g_dbus_connection_flush_sync(bus, nullptr, nullptr);  // before the process ends
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) return usage();
+  const std::string verb = argv[1];
+  if (verb == "serve") return argc == 2 ? serve() : usage();
+  if ((verb != "post" && verb != "notify") || argc < 3) return usage();
+  Dictionary userInfo;
+  if (!parseUserInfo(argv + 3, argv + argc, &userInfo)) return usage();
+  return verb == "post" ? post(argv[2], userInfo) : notify(argv[2], userInfo);
+}
