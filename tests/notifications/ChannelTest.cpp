@@ -73,6 +73,11 @@ TEST_F(Channel, ReachesARestartedDaemonOnTheSecondAttemptAndSaysOnceWhenThereIsN
   client.postNotificationName("lost", std::nullopt);
   EXPECT_EQ(count(log(), "Unable to send notification [lost] - daemon not available.\n"), 1u);
   EXPECT_EQ(count(log(), "\n"), 1u);
+  {
+    ServingDaemon late;  // a daemon that starts after the client is found by the next post
+    client.postNotificationName("found", std::nullopt);
+    EXPECT_EQ(late.nextLine(), "{\"name\":\"found\",\"userInfo\":{}}");
+  }
 
   // The class-level post is silent; an unowned name gives no handle and no message.
   VESKNotificationCenter::postToDefaultCenter("quiet", std::nullopt);
@@ -95,6 +100,10 @@ TEST_F(Channel, SaysWhyWhenThereIsNoBusAtAll) {
   const std::string lines = log();
   EXPECT_EQ(count(lines, "centerFromDaemonWithName failed: "), 2u) << lines;
   EXPECT_EQ(count(lines, "Unable to send notification [nowhere] - daemon not available.\n"), 1u);
+
+  auto tool = test::startProgram(VESK_CENTER_TOOL, {"post", "anything"});
+  EXPECT_EQ(tool->readOutputToEnd().rfind("vesk-center: no system bus: ", 0), 0u);
+  EXPECT_EQ(tool->waitUntilExit(), 1);
 }
 
 TEST_F(Channel, DeliversToAnAgentsObserverOnceForEachDaemonItRegistersWith) {
