@@ -94,6 +94,11 @@ GVariant* variantFromValue(const Value& value) {
   return g_variant_new_string("");  // never reached: nil members are left out
 }
 
+std::optional<std::string> objectFromWire(const char* object) {
+  if (object == nullptr || *object == '\0') return std::nullopt;
+  return std::string(object);
+}
+
 Dictionary dictionaryFromVariant(GVariant* variant) {
   Value value = valueFromVariant(variant);
   if (Dictionary* dictionary = value.dictionary()) return std::move(*dictionary);

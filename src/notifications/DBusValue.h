@@ -1,5 +1,8 @@
 #pragma once
 
+#include <optional>
+#include <string>
+
 #include "foundation/Value.h"
 
 typedef struct _GVariant GVariant;
@@ -18,5 +21,8 @@ GVariant* variantFromValue(const Value& value);
 // of any other type is left out, so whatever a peer sends reads as a clean dictionary.
 Dictionary dictionaryFromVariant(GVariant* variant);
 Value valueFromVariant(GVariant* variant);
+
+// A notification's object as it travels: a string, where "" stands for none.
+std::optional<std::string> objectFromWire(const char* object);
 
 }  // namespace vesk

@@ -28,15 +28,6 @@ struct DistributedNotificationCenter::Observer {
   }
 };
 
-namespace {
-
-std::optional<std::string> objectFromWire(const char* object) {
-  if (object == nullptr || *object == '\0') return std::nullopt;
-  return std::string(object);
-}
-
-}  // namespace
-
 DistributedNotificationCenter& DistributedNotificationCenter::defaultCenter() {
   static DistributedNotificationCenter* center = new DistributedNotificationCenter();
   return *center;

@@ -38,11 +38,6 @@ const char* kCenterIntrospection =
 std::mutex sharedProxyLock;
 VESKNotificationCenter::Proxy sharedProxy;  // guarded by sharedProxyLock
 
-std::optional<std::string> objectFromWire(const char* object) {
-  if (object == nullptr || *object == '\0') return std::nullopt;
-  return std::string(object);
-}
-
 std::string describeCurrentException() {
   try {
     throw;
