@@ -29,6 +29,16 @@ std::vector<std::string> asNobody(const std::string& path) {
   return {"--reuid=65534", "--regid=65534", "--clear-groups", "--", path};
 }
 
+std::string whyNobodyCannotRun(const std::string& path) {
+  if (::geteuid() != 0) return "running a program as another user needs root";
+  std::vector<std::string> arguments = asNobody("/usr/bin/test");
+  arguments.insert(arguments.end(), {"-x", path});
+  auto check = startProgram("/usr/bin/setpriv", arguments);
+  check->readOutputToEnd();
+  if (check->waitUntilExit() != 0) return "nobody cannot reach " + path;
+  return "";
+}
+
 ServingDaemon::ServingDaemon() {
   child_ = startProgram(VESK_CENTER_TOOL, {"serve"});
   // Wait for the event: the name gets this child as its owner.

@@ -41,5 +41,7 @@ std::unique_ptr<ChildProcess> startProgram(const std::string& path,
 
 // setpriv's arguments that run a program as nobody.
 std::vector<std::string> asNobody(const std::string& path);
+// Why a test cannot run `path` as nobody (not root, or nobody cannot reach it); "" when it can.
+std::string whyNobodyCannotRun(const std::string& path);
 
 }  // namespace vesk::test
