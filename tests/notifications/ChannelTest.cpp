@@ -138,6 +138,32 @@ TEST_F(Channel, DeliversToAnAgentsObserverOnceForEachDaemonItRegistersWith) {
   EXPECT_EQ(target->calls()[1], "agent:Kill");
 }
 
+TEST_F(Channel, DropsAnAgentsObserverThatCanNoLongerBeCalled) {
+  ServingDaemon daemon;
+  auto target = std::make_shared<RecordingObserver>("agent", "requestEvent:");
+  auto endpoint = std::make_unique<DaemonObserverEndpoint>(target, "requestEvent:", "request",
+                                                           kDaemonCenterName);
+  ASSERT_TRUE(RunLoop::current().runUntilCondition(
+      [&] { return endpoint->registeredOwner() == daemon.owner(); }, 10));
+  endpoint.reset();  // the agent's object is gone; the daemon still has the record
+
+  VESKNotificationCenter client;
+  client.postNotificationName("request", std::nullopt);
+  client.postNotificationName("request", std::nullopt);
+  client.postNotificationName("sentinel", std::nullopt);
+  EXPECT_EQ(daemon.nextLine(), "{\"name\":\"request\",\"userInfo\":{}}");
+  EXPECT_EQ(daemon.nextLine(), "{\"name\":\"request\",\"userInfo\":{}}");
+  EXPECT_EQ(daemon.nextLine(), "{\"name\":\"sentinel\",\"userInfo\":{}}");
+  // The daemon shares this test's log: one failure, then the record was gone.
+  const std::string lines = log();
+  EXPECT_EQ(count(lines,
+                  "Exception thrown while trying to send a message to a daemon observer "
+                  "for notification request: "),
+            1u)
+      << lines;
+  EXPECT_TRUE(target->calls().empty());
+}
+
 TEST_F(Channel, LetsNoOtherUserOwnTheDaemonsNameOrCallAnAgent) {
   if (const std::string why = test::whyNobodyCannotRun(VESK_CENTER_TOOL); !why.empty())
     GTEST_SKIP() << why;
