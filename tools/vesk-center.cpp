@@ -33,6 +33,9 @@ namespace {
 using vesk::Dictionary;
 using vesk::Value;
 
+// How long `notify` stays connected after posting.
+constexpr double kStayAfterNotifying = 0.25;
+
 int usage() {
   std::fputs(
       "Usage: vesk-center serve\n"
@@ -213,7 +216,10 @@ int notify(const std::string& name, const Dictionary& userInfo) {
   if (!vesk::DistributedNotificationCenter::defaultCenter().postNotificationName(name, std::nullopt,
                                                                                  userInfo))
     return fail("the notification could not be sent");
-  g_dbus_connection_flush_sync(bus, nullptr, nullptr);  // before the process ends
+  g_dbus_connection_flush_sync(bus, nullptr, nullptr);
+  // A signal does not say who sent it: receivers ask the bus, which can answer only while
+  // this connection lasts. Stay a moment so that they can.
+  vesk::RunLoop::current().runUntil(kStayAfterNotifying);
   return 0;
 }
 

@@ -69,6 +69,11 @@ DistributedNotificationCenter::ObserverId DistributedNotificationCenter::addObse
                                          objectFromWire(object), userInfo);
         },
         new Data{this, observer}, [](gpointer data) { delete static_cast<Data*>(data); });
+    // The subscription's match rule goes to the bus without a reply; one round trip after it
+    // means the bus has it, so a notification posted once this returns is not missed.
+    if (GVariant* id = callSync(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                "org.freedesktop.DBus", "GetId", nullptr, "(s)", -1, nullptr))
+      g_variant_unref(id);
   } else {
     VKLogging::logEventAndPrintVerbose("Unable to observe distributed notifications: {}", why);
   }

@@ -33,7 +33,8 @@ class DistributedNotificationCenter {
 
   static DistributedNotificationCenter& defaultCenter();
 
-  // Observes `name`, or every name when it is nullopt.
+  // Observes `name`, or every name when it is nullopt. Once it returns, the bus routes such
+  // notifications here.
   ObserverId addObserver(const std::optional<std::string>& name, Handler handler);
   void removeObserver(ObserverId observer);
 
