@@ -201,6 +201,24 @@ std::string replaceAll(std::string_view text, std::string_view from, std::string
   return out;
 }
 
+std::string lowercaseString(std::string_view text) {
+  std::string lower(text);
+  bool ascii = true;
+  for (char& c : lower) {
+    if (static_cast<unsigned char>(c) >= 0x80) {
+      ascii = false;
+      break;
+    }
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  if (ascii) return lower;
+  const std::string valid = makeValidUtf8(text);
+  gchar* down = g_utf8_strdown(valid.data(), static_cast<gssize>(valid.size()));
+  std::string result(down);
+  g_free(down);
+  return result;
+}
+
 std::vector<std::string> split(std::string_view text, char separator) {
   std::vector<std::string> parts;
   std::size_t pos = 0;

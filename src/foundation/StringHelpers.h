@@ -46,6 +46,9 @@ double doubleValue(std::string_view text);
 // with Y, y, T, t or a digit 1 to 9.
 bool boolValue(std::string_view text);
 
+// The text in lower case, by Unicode's rules (ASCII text takes a fast path).
+std::string lowercaseString(std::string_view text);
+
 // Replaces every occurrence of `from` (non-empty) with `to`.
 std::string replaceAll(std::string_view text, std::string_view from, std::string_view to);
 std::vector<std::string> split(std::string_view text, char separator);

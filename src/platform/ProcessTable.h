@@ -1,0 +1,41 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vesk {
+
+// One process as the system lists it. The path is the executable's, as raw bytes: it need
+// not be UTF-8. Empty when the system gives none (a kernel thread, a process this one may not
+// look into).
+struct ProcessRecord {
+  pid_t pid = 0;
+  uid_t uid = 0;  // effective
+  std::string path;
+};
+
+// The machine's processes, and the one way the client ends one. Any thread may call.
+class ProcessTable {
+ public:
+  virtual ~ProcessTable() = default;
+  // Every process that could be read whole; one that ends while it is read is left out.
+  virtual std::vector<ProcessRecord> listProcesses() = 0;
+  // SIGKILL: cannot be caught. Whether it arrived is not reported.
+  virtual void sendKill(pid_t pid) = 0;
+
+  // The machine's own table.
+  static ProcessTable& system();
+};
+
+// Readers of the text the system keeps per process (/proc/<pid>/status); pure functions.
+
+// The effective user id from a status file's "Uid:" line (real, effective, saved, fs).
+std::optional<uid_t> effectiveUidFromStatus(std::string_view status);
+// The pid a /proc entry's name stands for: only names made of digits.
+std::optional<pid_t> pidFromProcName(std::string_view name);
+
+}  // namespace vesk

@@ -1,0 +1,307 @@
+#include "restrictions/EnforceRestrictionsAgentStrategy.h"
+
+#include <fmt/format.h>
+#include <fnmatch.h>
+#include <pwd.h>
+
+#include "foundation/FileManager.h"
+#include "foundation/StringHelpers.h"
+#include "logging/VKLogging.h"
+#include "restrictions/BSDProcessList.h"
+
+namespace vesk {
+namespace {
+
+constexpr const char* kPostSelector = "postNotificationToDaemon:userInfo:";
+
+std::vector<std::string_view> components(std::string_view path) {
+  std::vector<std::string_view> parts;
+  std::size_t start = 0;
+  for (std::size_t slash; (slash = path.find('/', start)) != std::string_view::npos;
+       start = slash + 1)
+    parts.push_back(path.substr(start, slash - start));
+  parts.push_back(path.substr(start));
+  return parts;
+}
+
+std::string joined(const std::vector<std::string_view>& parts, std::size_t count) {
+  std::string path;
+  for (std::size_t i = 0; i < count; ++i) {
+    if (i > 0) path += '/';
+    path.append(parts[i]);
+  }
+  return path;
+}
+
+// A file name's extension as the platform gives it: after the last ".", unless that dot
+// starts the name.
+std::string_view extensionOf(std::string_view name) {
+  const std::size_t dot = name.rfind('.');
+  if (dot == std::string_view::npos || dot == 0) return {};
+  return name.substr(dot + 1);
+}
+
+bool shellMatch(const std::string& pattern, const std::string& subject) {
+  return ::fnmatch(pattern.c_str(), subject.c_str(), 0) == 0;
+}
+
+}  // namespace
+
+// A path split once per check, with the texts each branch tests made when first needed.
+class EnforceRestrictionsAgentStrategy::SplitPath {
+ public:
+  struct Subject {
+    std::string text;
+    std::string lower;
+  };
+
+  explicit SplitPath(const std::optional<std::string>& path) {
+    if (path) parts_ = components(*path);
+  }
+
+  std::size_t size() const { return parts_.size(); }
+
+  // The first `count` components joined with "/".
+  const Subject& prefix(std::size_t count) {
+    auto found = prefixes_.find(count);
+    if (found == prefixes_.end()) {
+      std::string text = joined(parts_, count);
+      std::string lower = lowercaseString(text);
+      found = prefixes_.emplace(count, Subject{std::move(text), std::move(lower)}).first;
+    }
+    return found->second;
+  }
+
+  // Each component whole.
+  const std::vector<Subject>& wholeComponents() {
+    if (!whole_) {
+      whole_.emplace();
+      for (std::string_view part : parts_)
+        whole_->push_back(Subject{std::string(part), lowercaseString(part)});
+    }
+    return *whole_;
+  }
+
+  // The components tested by name, in order: the last one, and each application bundle
+  // (without its extension when the match is not exact).
+  const std::vector<Subject>& names(bool exact) {
+    std::optional<std::vector<Subject>>& names = exact ? exactNames_ : looseNames_;
+    if (!names) {
+      names.emplace();
+      for (std::size_t i = 0; i < parts_.size(); ++i) {
+        const std::string_view part = parts_[i];
+        const bool bundle = extensionOf(part) == "app";
+        if (i + 1 != parts_.size() && !bundle) continue;
+        const std::string_view text =
+            bundle && !exact ? part.substr(0, part.size() - extensionOf(part).size() - 1) : part;
+        names->push_back(Subject{std::string(text), exact ? std::string() : lowercaseString(text)});
+      }
+    }
+    return *names;
+  }
+
+ private:
+  std::vector<std::string_view> parts_;
+  std::map<std::size_t, Subject> prefixes_;
+  std::optional<std::vector<Subject>> whole_;
+  std::optional<std::vector<Subject>> exactNames_;
+  std::optional<std::vector<Subject>> looseNames_;
+};
+
+EnforceRestrictionsAgentStrategy::EnforceRestrictionsAgentStrategy(ProcessTable& table)
+    : table_(table) {
+  initRestrictionsList();
+}
+
+void EnforceRestrictionsAgentStrategy::initRestrictionsList() {
+  setBlacklist(BlacklistedSoftwareHelper::loadBlacklistedSoftware());
+}
+
+void EnforceRestrictionsAgentStrategy::setBlacklist(Blacklist blacklist) {
+  blacklist_ = std::move(blacklist);
+  compiled_.clear();
+  compiled_.reserve(blacklist_.size());
+  for (auto& [key, item] : blacklist_) compiled_.push_back(compile(key, item));
+}
+
+EnforceRestrictionsAgentStrategy::CompiledEntry EnforceRestrictionsAgentStrategy::compile(
+    const std::string& key, BlacklistedItem& item) {
+  CompiledEntry entry{&key, &item, Branch::kAnyComponent, {}, 0};
+  if (key.find('/') != std::string::npos) {
+    entry.branch = Branch::kPathPrefix;
+    entry.components = components(key).size();
+  } else if (key.find(".app") == std::string::npos) {
+    entry.branch = Branch::kExecutableOrBundleName;
+  }
+  if (!item.requireExactMatch()) entry.prepared = preparePattern(key);
+  return entry;
+}
+
+EnforceRestrictionsAgentStrategy::PreparedPattern EnforceRestrictionsAgentStrategy::preparePattern(
+    std::string_view pattern) {
+  PreparedPattern prepared;
+  prepared.pattern = replaceAll(lowercaseString(pattern), "?", "[?]");
+  for (const char* broad : {"*", "*.app", "*.app*", "**.app*", "**"})
+    prepared.overBroad = prepared.overBroad || prepared.pattern == broad;
+  return prepared;
+}
+
+bool EnforceRestrictionsAgentStrategy::process(std::string_view pattern, std::string_view matches,
+                                               bool requireExactMatch) {
+  if (requireExactMatch) return pattern == matches;
+  const PreparedPattern prepared = preparePattern(pattern);
+  return !prepared.overBroad && shellMatch(prepared.pattern, lowercaseString(matches));
+}
+
+bool EnforceRestrictionsAgentStrategy::blacklistProcess(std::string_view pattern,
+                                                        const std::optional<std::string>& matches,
+                                                        bool requireExactMatch) {
+  const std::string key(pattern);
+  BlacklistedItem item;
+  item.setRequireExactMatch(requireExactMatch);
+  SplitPath path(matches);
+  return EnforceRestrictionsAgentStrategy::matches(compile(key, item), path);
+}
+
+bool EnforceRestrictionsAgentStrategy::matches(const CompiledEntry& entry, SplitPath& path) {
+  const bool exact = entry.item->requireExactMatch();
+  auto test = [&](const SplitPath::Subject& subject) {
+    if (exact) return *entry.key == subject.text;
+    return !entry.prepared.overBroad && shellMatch(entry.prepared.pattern, subject.lower);
+  };
+  switch (entry.branch) {
+    case Branch::kPathPrefix:
+      if (entry.components > path.size()) return false;
+      return test(path.prefix(entry.components));
+    case Branch::kExecutableOrBundleName:
+      for (const SplitPath::Subject& name : path.names(exact))
+        if (test(name)) return true;
+      return false;
+    case Branch::kAnyComponent:
+      for (const SplitPath::Subject& component : path.wholeComponents())
+        if (test(component)) return true;
+      return false;
+  }
+  return false;
+}
+
+std::string EnforceRestrictionsAgentStrategy::deletePath(std::string_view path) {
+  const std::vector<std::string_view> parts = components(path);
+  std::size_t count = 0;
+  while (count < parts.size()) {
+    const std::string_view part = parts[count++];
+    if (part.size() >= 4 && part.substr(part.size() - 4) == ".app") break;
+  }
+  return joined(parts, count);
+}
+
+void EnforceRestrictionsAgentStrategy::checkApplication(const Dictionary& userInfo) {
+  const std::string* path = userInfo["NSApplicationPath"].string();
+  std::optional<std::string> user;
+  if (command_ != nullptr && command_->respondsToSelector("userName")) user = command_->userName();
+  ProcessSerialNumber serialNumber;
+  serialNumber.lowLongOfPSN = static_cast<std::uint32_t>(
+      userInfo["NSApplicationProcessSerialNumberLow"].unsignedIntegerValue());
+  serialNumber.highLongOfPSN = static_cast<std::uint32_t>(
+      userInfo["NSApplicationProcessSerialNumberHigh"].unsignedIntegerValue());
+  const auto pid = static_cast<pid_t>(userInfo["NSApplicationProcessIdentifier"].integerValue());
+  checkProcessOrApplicationWithAppPath(path ? std::optional<std::string>(*path) : std::nullopt,
+                                       user, serialNumber, pid);
+}
+
+void EnforceRestrictionsAgentStrategy::checkProcess(const Dictionary& process) {
+  const std::string* path = process["path"].string();
+  // The uid goes through its text form, so an entry without one reads as uid 0.
+  const Value& uidValue = process["uid"];
+  const auto uid =
+      static_cast<uid_t>(intValue(uidValue.isNil() ? "(null)" : uidValue.stringValue()));
+  const auto pid = static_cast<pid_t>(process["pid"].integerValue());
+  checkProcessOrApplicationWithAppPath(path ? std::optional<std::string>(*path) : std::nullopt,
+                                       userNameForUid(uid).value_or(""), ProcessSerialNumber{},
+                                       pid);
+}
+
+std::optional<std::string> EnforceRestrictionsAgentStrategy::userNameForUid(uid_t uid) {
+  const auto known = userNames_.find(uid);
+  if (known != userNames_.end()) return known->second;
+  passwd entry{};
+  passwd* found = nullptr;
+  char buffer[4096];
+  std::string name;
+  if (::getpwuid_r(uid, &entry, buffer, sizeof buffer, &found) == 0 && found != nullptr &&
+      found->pw_name != nullptr)
+    name = found->pw_name;
+  userNames_.emplace(uid, name);
+  return name;
+}
+
+void EnforceRestrictionsAgentStrategy::checkProcessOrApplicationWithAppPath(
+    const std::optional<std::string>& appPath, const std::optional<std::string>& username,
+    const ProcessSerialNumber& processSerialNbr, pid_t pid) {
+  if (compiled_.empty()) return;
+  // Made when first needed: it only looks the process up, which changes nothing.
+  std::optional<VESKProcessHandler> handler;
+  SplitPath path(appPath);
+  const std::string fullPath = appPath.value_or("");
+  for (const CompiledEntry& entry : compiled_) {
+    if (!matches(entry, path)) continue;
+    BlacklistedItem& item = *entry.item;
+    const std::string& key = *entry.key;
+    // Running even when the user is exempt: the pass must not report it as gone.
+    item.setIsRunning(true);
+    if (username && item.whitelistedUsers().contains(*username)) continue;
+    if (!handler) handler.emplace(pid, processSerialNbr, table_);
+
+    if (item.killApp()) {
+      handler->killRunningProcess();
+      VKLogging::printlnVerbose("Killed process ({}) for blacklisted '{}'.", fullPath, key);
+    }
+    if (item.deleteApp()) {
+      removeItemAtPath(deletePath(fullPath));
+      VKLogging::printlnVerbose("Deleted executable ({}) for blacklisted '{}'.", fullPath, key);
+    }
+    if (item.killApp() || !item.notified()) {
+      notifyDaemonOfBlacklistedProcessWithBlacklistID(integerValue(item.blacklistID().value_or("")),
+                                                      key, username, pid, fullPath);
+      item.setNotified(true);
+    }
+    post("com.vesksoftware.vesk.appLaunchingEvent",
+         Dictionary{
+             {"NSApplicationProcessIdentifier", Value(fmt::format("{}", static_cast<long>(pid)))},
+             {"NSApplicationProcessSerialNumberHigh",
+              Value(static_cast<unsigned long>(handler->psn().highLongOfPSN))},
+             {"NSApplicationProcessSerialNumberLow",
+              Value(static_cast<unsigned long>(handler->psn().lowLongOfPSN))},
+             {"NSApplicationPath", Value(fullPath)},
+             // The full path again, not the name: the daemon has always read it so.
+             {"NSApplicationName", Value(fullPath)}});
+  }
+}
+
+void EnforceRestrictionsAgentStrategy::notifyDaemonOfBlacklistedProcessWithBlacklistID(
+    std::int64_t blacklistID, const std::string& process, const std::optional<std::string>& owner,
+    pid_t processID, const std::string& appPath) {
+  Dictionary userInfo{{"BlacklistID", Value(blacklistID)},
+                      {"Process", Value(process)},
+                      {"ProcessID", Value(static_cast<long>(processID))},
+                      {"AppPath", Value(appPath)}};
+  if (owner) userInfo.set("Owner", Value(*owner));
+  post("com.vesksoftware.vesk.blacklistEvent", userInfo);
+}
+
+void EnforceRestrictionsAgentStrategy::post(const std::string& name, const Dictionary& userInfo) {
+  if (command_ != nullptr && command_->respondsToSelector(kPostSelector))
+    command_->postNotificationToDaemon(name, userInfo);
+}
+
+void EnforceRestrictionsAgentStrategy::fewSecondHandler() {
+  const Array processes = BSDProcessList::getProcessList(table_);
+  userNames_.clear();  // accounts may change between passes
+  for (auto& [key, item] : blacklist_) item.setIsRunning(false);
+  for (const Value& process : processes)
+    if (const Dictionary* entry = process.dictionary()) checkProcess(*entry);
+  for (auto& [key, item] : blacklist_)
+    if (!item.isRunning()) item.setNotified(false);
+}
+
+}  // namespace vesk

@@ -1,0 +1,143 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <random>
+
+#include "foundation/Paths.h"
+#include "helpers/TestSupport.h"
+#include "restrictions/BlacklistedSoftwareHelper.h"
+#include "restrictions/EnforceRestrictionsAgentStrategy.h"
+
+namespace vesk {
+namespace {
+
+std::string entry(const std::string& process, const std::string& extra = "") {
+  return "<ns2:blacklisted><ns2:id>7</ns2:id><ns2:name>Game</ns2:name><ns2:process>" + process +
+         "</ns2:process>" + extra + "</ns2:blacklisted>";
+}
+
+std::string document(const std::string& entries) {
+  return "<?xml version=\"1.0\"?><ns2:list xmlns:ns2=\"urn:example\"><group>" + entries +
+         "</group></ns2:list>";
+}
+
+Blacklist load(const std::string& xml) {
+  return BlacklistedSoftwareHelper::loadBlacklistedSoftwareFromXMLString(xml);
+}
+
+std::vector<std::string> keys(const Blacklist& list) {
+  std::vector<std::string> out;
+  for (const auto& [key, item] : list) out.push_back(key);
+  return out;
+}
+
+TEST(RestrictedList, KeysEntriesByTheirFinalPatternTheLaterWinning) {
+  const Blacklist list = load(document(
+      entry("Safari") + entry("Safari", "<ns2:requireExactMatch>true</ns2:requireExactMatch>") +
+      entry("  *.game \n") + entry("Chess", "<ns2:message>first</ns2:message>") +
+      entry("*Chess*", "<ns2:message>second</ns2:message>") + entry("   ") + entry("") +
+      "<ns2:blacklisted><ns2:id>9</ns2:id></ns2:blacklisted>"));
+  EXPECT_EQ(keys(list), (std::vector<std::string>{"*.game", "*Chess*", "*Safari*", "Safari"}));
+  EXPECT_EQ(list.at("*Chess*").message(), "second");
+  EXPECT_EQ(list.at("Safari").blacklistID(), "7");
+}
+
+TEST(RestrictedList, ReadsFlagsByThePlatformsBooleanRuleAndTrimsUsers) {
+  std::string entries;
+  int n = 0;
+  for (const char* text : {"YES", "yes", "true", "1", " +007"})
+    entries += entry("on" + std::to_string(n++), std::string("<ns2:kill>") + text + "</ns2:kill>");
+  for (const char* text : {"no", "false", "0", ""})
+    entries += entry("off" + std::to_string(n++), std::string("<ns2:kill>") + text + "</ns2:kill>");
+  entries += entry("off" + std::to_string(n++));
+  entries += entry("users",
+                   "<ns2:whitelistedUsers><ns2:username>  alice\n</ns2:username>"
+                   "<ns2:username>bob</ns2:username></ns2:whitelistedUsers>"
+                   "<ns2:notify>Y</ns2:notify><ns2:delete>T</ns2:delete>");
+  const Blacklist list = load(document(entries));
+  for (const auto& [key, item] : list) {
+    if (key != "*users*") {
+      EXPECT_EQ(item.killApp(), key.rfind("*on", 0) == 0) << key;
+    }
+  }
+  const BlacklistedItem& users = list.at("*users*");
+  EXPECT_EQ(users.whitelistedUsers(), (Dictionary{{"alice", Value("")}, {"bob", Value("")}}));
+  EXPECT_EQ(
+      users.description(),
+      "ID: 7\nName: Game\nProcess: *users*\nRequire Exact Match: NO\nMessage: (null)\n"
+      "Notify: YES\nKill: NO\nDelete: YES\nWhitelist:{\n    alice = \"\";\n    bob = \"\";\n}");
+}
+
+TEST(RestrictedList, TakesOddTextLiterallyAndRefusesWhatIsNotItsXml) {
+  const Blacklist odd = load(
+      document(entry("[abc") + entry("*") + entry("Tom &amp; Jerry") + entry("<![CDATA[a<b]]>")));
+  EXPECT_EQ(keys(odd), (std::vector<std::string>{"*", "*Tom & Jerry*", "*[abc*", "*a<b*"}));
+
+  // Entity declarations are neither expanded nor followed to a file.
+  const Blacklist declared = load(
+      "<?xml version=\"1.0\"?><!DOCTYPE x [<!ENTITY secret SYSTEM \"file:///etc/passwd\">"
+      "<!ENTITY word \"Chess\">]><x>" +
+      entry("&secret;") + entry("&word;") + "</x>");
+  for (const auto& [key, item] : declared) EXPECT_EQ(key.find("root:"), std::string::npos) << key;
+  EXPECT_EQ(declared.count("*Chess*"), 0u);
+
+  EXPECT_TRUE(load("").empty());
+  EXPECT_TRUE(load("not xml at all <").empty());
+  EXPECT_TRUE(load(std::string("\x00\xff\xfe<ns2:blacklisted>", 20)).empty());
+}
+
+TEST(RestrictedList, LoadsTheDaemonsFileAndNothingWhenItIsMissingOrNotText) {
+  test::TemporaryFolder root;
+  ::setenv("VESK_ROOT", root.path().c_str(), 1);
+  EXPECT_TRUE(BlacklistedSoftwareHelper::loadBlacklistedSoftware().empty());
+  const std::string file = "Library/Application Support/VESK/.blacklist.xml";
+  root.write(file, document(entry("Chess")));
+  EXPECT_EQ(keys(BlacklistedSoftwareHelper::loadBlacklistedSoftware()),
+            std::vector<std::string>{"*Chess*"});
+  root.write(file, document(entry("Ch\xff"
+                                  "ess")));
+  EXPECT_TRUE(BlacklistedSoftwareHelper::loadBlacklistedSoftware().empty());
+
+  // A large list: 20,000 entries in about 10 MB.
+  std::string entries;
+  const std::string padding(400, 'x');
+  for (int i = 0; i < 20000; ++i)
+    entries += entry("app" + std::to_string(i), "<ns2:message>" + padding + "</ns2:message>");
+  root.write(file, document(entries));
+  EXPECT_EQ(BlacklistedSoftwareHelper::loadBlacklistedSoftware().size(), 20000u);
+}
+
+// Mutated documents and paths: whatever the bytes, loading and matching end cleanly.
+TEST(RestrictedList, SurvivesMutatedDocumentsAndPaths) {
+  const std::string seed =
+      document(entry("Chess",
+                     "<ns2:kill>1</ns2:kill><ns2:whitelistedUsers><ns2:username>u</ns2:username>"
+                     "</ns2:whitelistedUsers>") +
+               entry("/Applications/*.app", "<ns2:requireExactMatch>0</ns2:requireExactMatch>"));
+  const std::string alphabet = "<>/&;*?[]!-.:ns2\"' \n\x00\xc3\xa9\xff";
+  std::mt19937 random(12345);
+  for (int round = 0; round < 3000; ++round) {
+    std::string mutated = seed;
+    for (int edits = 1 + static_cast<int>(random() % 8); edits > 0; --edits) {
+      const std::size_t at = random() % (mutated.size() + 1);
+      const char c = alphabet[random() % alphabet.size()];
+      switch (random() % 3) {
+        case 0:
+          mutated.insert(at, 1, c);
+          break;
+        case 1:
+          if (at < mutated.size()) mutated.erase(at, 1);
+          break;
+        default:
+          if (at < mutated.size()) mutated[at] = c;
+      }
+    }
+    for (const auto& [key, item] : load(mutated)) {
+      EnforceRestrictionsAgentStrategy::blacklistProcess(key, mutated.substr(0, 200), false);
+      EnforceRestrictionsAgentStrategy::blacklistProcess(key, key, item.requireExactMatch());
+    }
+  }
+}
+
+}  // namespace
+}  // namespace vesk
