@@ -4,10 +4,11 @@
 #include <fnmatch.h>
 #include <pwd.h>
 
+#include <algorithm>
+
 #include "foundation/FileManager.h"
 #include "foundation/StringHelpers.h"
 #include "logging/VKLogging.h"
-#include "restrictions/BSDProcessList.h"
 
 namespace vesk {
 namespace {
@@ -63,13 +64,14 @@ class EnforceRestrictionsAgentStrategy::SplitPath {
 
   // The first `count` components joined with "/".
   const Subject& prefix(std::size_t count) {
-    auto found = prefixes_.find(count);
-    if (found == prefixes_.end()) {
+    if (prefixes_.size() <= count) prefixes_.resize(count + 1);
+    std::optional<Subject>& found = prefixes_[count];
+    if (!found) {
       std::string text = joined(parts_, count);
       std::string lower = lowercaseString(text);
-      found = prefixes_.emplace(count, Subject{std::move(text), std::move(lower)}).first;
+      found = Subject{std::move(text), std::move(lower)};
     }
-    return found->second;
+    return *found;
   }
 
   // Each component whole.
@@ -102,7 +104,7 @@ class EnforceRestrictionsAgentStrategy::SplitPath {
 
  private:
   std::vector<std::string_view> parts_;
-  std::map<std::size_t, Subject> prefixes_;
+  std::vector<std::optional<Subject>> prefixes_;  // by number of components
   std::optional<std::vector<Subject>> whole_;
   std::optional<std::vector<Subject>> exactNames_;
   std::optional<std::vector<Subject>> looseNames_;
@@ -120,8 +122,18 @@ void EnforceRestrictionsAgentStrategy::initRestrictionsList() {
 void EnforceRestrictionsAgentStrategy::setBlacklist(Blacklist blacklist) {
   blacklist_ = std::move(blacklist);
   compiled_.clear();
+  exactNames_.clear();
+  scanned_.clear();
   compiled_.reserve(blacklist_.size());
-  for (auto& [key, item] : blacklist_) compiled_.push_back(compile(key, item));
+  for (auto& [key, item] : blacklist_) {
+    compiled_.push_back(compile(key, item));
+    // An exact name can only match a tested name equal to it: found by lookup, not by scan.
+    if (compiled_.back().branch == Branch::kExecutableOrBundleName && item.requireExactMatch()) {
+      exactNames_[key].push_back(compiled_.size() - 1);
+    } else {
+      scanned_.push_back(compiled_.size() - 1);
+    }
+  }
 }
 
 EnforceRestrictionsAgentStrategy::CompiledEntry EnforceRestrictionsAgentStrategy::compile(
@@ -143,14 +155,52 @@ EnforceRestrictionsAgentStrategy::PreparedPattern EnforceRestrictionsAgentStrate
   prepared.pattern = replaceAll(lowercaseString(pattern), "?", "[?]");
   for (const char* broad : {"*", "*.app", "*.app*", "**.app*", "**"})
     prepared.overBroad = prepared.overBroad || prepared.pattern == broad;
+
+  const std::string& text = prepared.pattern;
+  const std::size_t first = text.find_first_not_of('*');
+  const std::size_t last = text.find_last_not_of('*');
+  if (first == std::string::npos) {
+    // Nothing at all matches only nothing; stars alone match anything.
+    prepared.kind =
+        text.empty() ? PreparedPattern::Kind::kEquals : PreparedPattern::Kind::kContains;
+    return prepared;
+  }
+  std::string literal = text.substr(first, last - first + 1);
+  if (literal.find_first_of("*?[\\") != std::string::npos) return prepared;
+  const bool leading = first > 0;
+  const bool trailing = last + 1 < text.size();
+  using Kind = PreparedPattern::Kind;
+  prepared.kind = leading && trailing ? Kind::kContains
+                  : leading           ? Kind::kSuffix
+                  : trailing          ? Kind::kPrefix
+                                      : Kind::kEquals;
+  prepared.literal = std::move(literal);
   return prepared;
+}
+
+bool EnforceRestrictionsAgentStrategy::PreparedPattern::matches(const std::string& lowered) const {
+  if (overBroad) return false;
+  const std::string_view subject = lowered;
+  switch (kind) {
+    case Kind::kEquals:
+      return subject == literal;
+    case Kind::kContains:
+      return subject.find(literal) != std::string_view::npos;
+    case Kind::kPrefix:
+      return subject.substr(0, literal.size()) == literal;
+    case Kind::kSuffix:
+      return subject.size() >= literal.size() &&
+             subject.substr(subject.size() - literal.size()) == literal;
+    case Kind::kShellPattern:
+      break;
+  }
+  return shellMatch(pattern, lowered);
 }
 
 bool EnforceRestrictionsAgentStrategy::process(std::string_view pattern, std::string_view matches,
                                                bool requireExactMatch) {
   if (requireExactMatch) return pattern == matches;
-  const PreparedPattern prepared = preparePattern(pattern);
-  return !prepared.overBroad && shellMatch(prepared.pattern, lowercaseString(matches));
+  return preparePattern(pattern).matches(lowercaseString(matches));
 }
 
 bool EnforceRestrictionsAgentStrategy::blacklistProcess(std::string_view pattern,
@@ -167,7 +217,7 @@ bool EnforceRestrictionsAgentStrategy::matches(const CompiledEntry& entry, Split
   const bool exact = entry.item->requireExactMatch();
   auto test = [&](const SplitPath::Subject& subject) {
     if (exact) return *entry.key == subject.text;
-    return !entry.prepared.overBroad && shellMatch(entry.prepared.pattern, subject.lower);
+    return entry.prepared.matches(subject.lower);
   };
   switch (entry.branch) {
     case Branch::kPathPrefix:
@@ -242,9 +292,23 @@ void EnforceRestrictionsAgentStrategy::checkProcessOrApplicationWithAppPath(
   // Made when first needed: it only looks the process up, which changes nothing.
   std::optional<VESKProcessHandler> handler;
   SplitPath path(appPath);
-  const std::string fullPath = appPath.value_or("");
-  for (const CompiledEntry& entry : compiled_) {
-    if (!matches(entry, path)) continue;
+  static const std::string kNoPath;
+  const std::string& fullPath = appPath ? *appPath : kNoPath;
+  // The entries that match, handled in the list's order as if each had been tested in turn.
+  std::vector<std::size_t> matched;
+  for (const std::size_t index : scanned_)
+    if (matches(compiled_[index], path)) matched.push_back(index);
+  if (!exactNames_.empty()) {
+    for (const SplitPath::Subject& name : path.names(true)) {
+      const auto found = exactNames_.find(name.text);
+      if (found != exactNames_.end())
+        matched.insert(matched.end(), found->second.begin(), found->second.end());
+    }
+    std::sort(matched.begin(), matched.end());
+    matched.erase(std::unique(matched.begin(), matched.end()), matched.end());
+  }
+  for (const std::size_t index : matched) {
+    const CompiledEntry& entry = compiled_[index];
     BlacklistedItem& item = *entry.item;
     const std::string& key = *entry.key;
     // Running even when the user is exempt: the pass must not report it as gone.
@@ -295,11 +359,21 @@ void EnforceRestrictionsAgentStrategy::post(const std::string& name, const Dicti
 }
 
 void EnforceRestrictionsAgentStrategy::fewSecondHandler() {
-  const Array processes = BSDProcessList::getProcessList(table_);
+  const std::vector<ProcessRecord> processes = table_.listProcesses();
   userNames_.clear();  // accounts may change between passes
   for (auto& [key, item] : blacklist_) item.setIsRunning(false);
-  for (const Value& process : processes)
-    if (const Dictionary* entry = process.dictionary()) checkProcess(*entry);
+  // Each record is checked as checkProcess checks its BSDProcessList entry, without building
+  // the entry: a path that is not UTF-8 makes an entry without keys, which reads as no path,
+  // uid 0 and pid 0.
+  for (const ProcessRecord& process : processes) {
+    if (!isValidUtf8(process.path)) {
+      checkProcessOrApplicationWithAppPath(std::nullopt, userNameForUid(0).value_or(""),
+                                           ProcessSerialNumber{}, 0);
+      continue;
+    }
+    checkProcessOrApplicationWithAppPath(process.path, userNameForUid(process.uid).value_or(""),
+                                         ProcessSerialNumber{}, process.pid);
+  }
   for (auto& [key, item] : blacklist_)
     if (!item.isRunning()) item.setNotified(false);
 }

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "foundation/Value.h"
@@ -71,10 +72,16 @@ class EnforceRestrictionsAgentStrategy {
   const Blacklist& blacklist() const { return blacklist_; }
   void setBlacklist(Blacklist blacklist);
 
-  // A pattern ready for matching: lower-cased, "?" made literal, over-broad ones marked.
+  // A pattern ready for matching: lower-cased, "?" made literal, over-broad ones marked. A
+  // pattern whose only wildcards are "*" at its ends is compared as text, which answers what
+  // the shell-pattern match would, without it.
   struct PreparedPattern {
+    enum class Kind { kShellPattern, kEquals, kContains, kPrefix, kSuffix };
     std::string pattern;
     bool overBroad = false;
+    Kind kind = Kind::kShellPattern;
+    std::string literal;  // for the kinds other than kShellPattern
+    bool matches(const std::string& lowered) const;
   };
   static PreparedPattern preparePattern(std::string_view pattern);
 
@@ -98,7 +105,10 @@ class EnforceRestrictionsAgentStrategy {
   ProcessTable& table_;
   EnforcementCommand* command_ = nullptr;  // the owner; outlives this
   Blacklist blacklist_;
-  std::vector<CompiledEntry> compiled_;
+  std::vector<CompiledEntry> compiled_;  // in the list's order
+  // Exact entries matched by name, by that name; the others, tested one by one.
+  std::unordered_map<std::string, std::vector<std::size_t>> exactNames_;
+  std::vector<std::size_t> scanned_;
   std::map<uid_t, std::string> userNames_;  // for one pass
 };
 

@@ -1,9 +1,11 @@
+#include <fnmatch.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <random>
 
 #include "foundation/Paths.h"
+#include "foundation/StringHelpers.h"
 #include "helpers/TestSupport.h"
 #include "restrictions/BlacklistedSoftwareHelper.h"
 #include "restrictions/EnforceRestrictionsAgentStrategy.h"
@@ -136,6 +138,22 @@ TEST(RestrictedList, SurvivesMutatedDocumentsAndPaths) {
       EnforceRestrictionsAgentStrategy::blacklistProcess(key, mutated.substr(0, 200), false);
       EnforceRestrictionsAgentStrategy::blacklistProcess(key, key, item.requireExactMatch());
     }
+    // Random patterns against random paths, both ways of matching.
+    const std::string pieces[] = {"*",    "?", "[",  "]",        "!",    "/",
+                                  ".app", "a", "\\", "\xc3\xa9", "\xff", "b"};
+    std::string pattern, path;
+    for (int i = static_cast<int>(random() % 10); i > 0; --i) pattern += pieces[random() % 12];
+    for (int i = static_cast<int>(random() % 14); i > 0; --i) path += pieces[random() % 12];
+    EnforceRestrictionsAgentStrategy::blacklistProcess(pattern, path, round % 2 == 0);
+    // A pattern compared as text answers as the shell-pattern match would.
+    const auto prepared = EnforceRestrictionsAgentStrategy::preparePattern(pattern);
+    const std::string subject = lowercaseString(path);
+    if (!prepared.overBroad) {
+      EXPECT_EQ(prepared.matches(subject),
+                ::fnmatch(prepared.pattern.c_str(), subject.c_str(), 0) == 0)
+          << "pattern " << pattern << " path " << path;
+    }
+    EnforceRestrictionsAgentStrategy::deletePath(path);
   }
 }
 

@@ -6,7 +6,10 @@
 #include <filesystem>
 
 #include "fakes/FakeProcessTable.h"
+#include "helpers/PrivateBus.h"
 #include "helpers/TestSupport.h"
+#include "notifications/BusPeers.h"
+#include "notifications/VESKNotificationCenter.h"
 #include "platform/ChildProcess.h"
 #include "restrictions/BSDProcessList.h"
 #include "restrictions/EnforceRestrictionsAgentStrategy.h"
@@ -133,6 +136,22 @@ TEST_F(Enforcement, KillsAndReportsAMatchingLaunchWithTypedPayloads) {
   EXPECT_TRUE(strategy_.blacklist().at("*chess*").isRunning());
 }
 
+TEST_F(Enforcement, HandlesEveryMatchingEntryInTheListsOrder) {
+  Blacklist list = listOf("Chess", true, true);
+  list.merge(listOf("*chess*", true));
+  list.merge(listOf("Chess.app", false, true));
+  list.merge(listOf("/Applications/*", false));
+  strategy_.setBlacklist(list);
+  strategy_.launchingApplication(launch(412, "/Applications/Chess.app/Contents/MacOS/Chess"));
+  std::vector<std::string> reported;
+  for (const auto& [name, info] : command_.posts)
+    if (name == "com.vesksoftware.vesk.blacklistEvent")
+      reported.push_back(*info["Process"].string());
+  EXPECT_EQ(reported,
+            (std::vector<std::string>{"*chess*", "/Applications/*", "Chess", "Chess.app"}));
+  EXPECT_EQ(table_.killed, (std::vector<pid_t>{412, 412}));  // asked once per killing entry
+}
+
 TEST_F(Enforcement, ReportsANonKillingMatchOnceUntilAPassFindsItGone) {
   strategy_.setBlacklist(listOf("Chess", false, true));
   table_.processes = {{500, 0, "/usr/games/Chess"}, {501, 0, "/bin/sh"}};
@@ -246,6 +265,48 @@ TEST(EnforcementOnThisMachine, KillsARestrictedProcessAndDeletesItsBundle) {
   EXPECT_EQ(command.posts[0].second["Owner"], Value("root"));
   exempt->terminate();
   exempt->waitUntilExit();
+}
+
+// The agent's side of posting, as the agent command does it: the session user under
+// "Username", through the channel to the daemon.
+class ChannelCommand : public EnforcementCommand {
+ public:
+  bool respondsToSelector(std::string_view) const override { return true; }
+  std::optional<std::string> userName() override { return "alice"; }
+  void postNotificationToDaemon(const std::string& name, const Dictionary& userInfo) override {
+    Dictionary withUser = userInfo;
+    withUser.set("Username", Value("alice"));
+    center_.postNotificationName(name, std::nullopt, withUser);
+  }
+
+ private:
+  VESKNotificationCenter center_;
+};
+
+TEST(EnforcementOnThisMachine, TellsTheDaemonInAnotherProcess) {
+  test::TemporaryFolder root;
+  ::setenv("VESK_ROOT", root.path().c_str(), 1);
+  test::PrivateBus bus;
+  test::ServingDaemon daemon;
+  test::TemporaryFolder apps;
+  auto restricted = runCopyOfSleep(apps.path() / "Chessgame");
+
+  Strategy strategy;
+  strategy.setBlacklist(listOf("*chessgame*", true));
+  ChannelCommand command;
+  strategy.setCommand(&command);
+  strategy.fewSecondHandler();
+  EXPECT_EQ(restricted->waitUntilExit(), SIGKILL);
+  const std::string pid = std::to_string(restricted->processIdentifier());
+  EXPECT_EQ(daemon.nextLine(),
+            "{\"name\":\"com.vesksoftware.vesk.blacklistEvent\",\"userInfo\":{\"AppPath\":\"" +
+                (apps.path() / "Chessgame").string() +
+                "\",\"BlacklistID\":42,\"Owner\":\"root\",\"Process\":\"*chessgame*\","
+                "\"ProcessID\":" +
+                pid + ",\"Username\":\"alice\"}}");
+  EXPECT_EQ(daemon.nextLine().rfind(
+                "{\"name\":\"com.vesksoftware.vesk.appLaunchingEvent\",\"userInfo\":{", 0),
+            0u);
 }
 
 }  // namespace

@@ -24,6 +24,17 @@ std::optional<std::string> readSmallFile(int directory, const char* name) {
   return text;
 }
 
+// The effective user of the process whose /proc folder is open. The folder belongs to that
+// user unless the process may not be inspected (it changed its ids), when it belongs to root;
+// so only a root-owned folder needs the status file, which costs ten times as much to read.
+std::optional<uid_t> effectiveUid(int folder) {
+  struct stat info;
+  if (::fstat(folder, &info) != 0) return std::nullopt;
+  if (info.st_uid != 0) return info.st_uid;
+  const std::optional<std::string> status = readSmallFile(folder, "status");
+  return status ? effectiveUidFromStatus(*status) : std::nullopt;
+}
+
 class LinuxProcessTable : public ProcessTable {
  public:
   std::vector<ProcessRecord> listProcesses() override {
@@ -39,8 +50,7 @@ class LinuxProcessTable : public ProcessTable {
       if (folder < 0) continue;
       ProcessRecord record;
       record.pid = *pid;
-      const std::optional<std::string> status = readSmallFile(folder, "status");
-      const std::optional<uid_t> uid = status ? effectiveUidFromStatus(*status) : std::nullopt;
+      const std::optional<uid_t> uid = effectiveUid(folder);
       bool complete = uid.has_value();
       if (complete) {
         record.uid = *uid;
