@@ -27,6 +27,7 @@
 
 #include "foundation/FileManager.h"
 #include "foundation/PropertyList.h"
+#include "foundation/StringHelpers.h"
 #include "foundation/Value.h"
 
 namespace {
@@ -96,9 +97,7 @@ int read(const std::vector<std::string>& args) {
 std::optional<Value> typedValue(std::string_view type, const std::string& text) {
   if (type == "-string") return Value(text);
   if (type == "-bool" || type == "-boolean") {
-    std::string lower;
-    for (const char c : text)
-      lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    const std::string lower = vesk::lowercaseString(text);
     if (lower == "true" || lower == "yes" || lower == "1") return Value(true);
     if (lower == "false" || lower == "no" || lower == "0") return Value(false);
     return std::nullopt;

@@ -14,14 +14,8 @@ std::vector<std::string> toolCommand(std::initializer_list<std::string> argument
 
 bool endsWithPlistInAnyCase(std::string_view path) {
   constexpr std::string_view kExtension = ".plist";
-  if (path.size() < kExtension.size()) return false;
-  const std::string_view tail = path.substr(path.size() - kExtension.size());
-  for (std::size_t i = 0; i < tail.size(); ++i) {
-    const char c = tail[i];
-    if ((c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c) != kExtension[i])
-      return false;
-  }
-  return true;
+  return path.size() >= kExtension.size() &&
+         lowercaseString(path.substr(path.size() - kExtension.size())) == kExtension;
 }
 
 }  // namespace

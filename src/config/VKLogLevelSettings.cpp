@@ -1,7 +1,5 @@
 #include "config/VKLogLevelSettings.h"
 
-#include <algorithm>
-
 #include "foundation/Paths.h"
 #include "foundation/StringHelpers.h"
 
@@ -14,11 +12,7 @@ int VKLogLevelSettings::readGlobalLogLevel() {
 
 int VKLogLevelSettings::logLevelTypeFromString(const std::optional<std::string_view>& string) {
   if (!string) return 1;
-  std::string lower(*string);
-  std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) {
-    return static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-  });
-  return strip(lower) == "debug" ? 0 : 1;
+  return strip(lowercaseString(*string)) == "debug" ? 0 : 1;
 }
 
 }  // namespace vesk

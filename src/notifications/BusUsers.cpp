@@ -67,11 +67,7 @@ bool BusUsers::start() {
               new Asked{users, sender});
         },
         this, nullptr);
-    // Messages on one connection keep their order: once the bus has answered this, it has
-    // taken the subscription's match rule too.
-    if (GVariant* id = callSync(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                "org.freedesktop.DBus", "GetId", nullptr, "(s)", -1, nullptr))
-      g_variant_unref(id);
+    waitForBus(bus);  // the subscription is in place once this returns
     watching.set_value();
     while (true) loop.runUntil(3600);
   }).detach();

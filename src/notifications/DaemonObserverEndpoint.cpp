@@ -54,10 +54,7 @@ DaemonObserverEndpoint::DaemonObserverEndpoint(std::shared_ptr<SelectorTarget> t
   static const GDBusInterfaceVTable vtable = {
       [](GDBusConnection*, const gchar* sender, const gchar*, const gchar*, const gchar*,
          GVariant* parameters, GDBusMethodInvocation* invocation, gpointer data) {
-        const HandlePtr handle = *static_cast<HandlePtr*>(data);
-        std::unique_lock<std::mutex> hold(handle->lock);
-        DaemonObserverEndpoint* endpoint = handle->endpoint;
-        hold.unlock();  // the endpoint goes only on this thread, which is here
+        DaemonObserverEndpoint* endpoint = Handle::endpointOf(data);
         if (endpoint == nullptr) {
           g_dbus_method_invocation_return_dbus_error(
               invocation, "org.freedesktop.DBus.Error.UnknownObject", "The observer has gone");
@@ -83,11 +80,8 @@ DaemonObserverEndpoint::DaemonObserverEndpoint(std::shared_ptr<SelectorTarget> t
   watch_ = g_bus_watch_name_on_connection(
       bus_, daemonName_.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
       [](GDBusConnection*, const gchar*, const gchar* owner, gpointer data) {
-        const HandlePtr handle = *static_cast<HandlePtr*>(data);
-        std::unique_lock<std::mutex> hold(handle->lock);
-        DaemonObserverEndpoint* endpoint = handle->endpoint;
-        hold.unlock();
-        if (endpoint != nullptr) endpoint->registerWith(owner);
+        if (DaemonObserverEndpoint* endpoint = Handle::endpointOf(data))
+          endpoint->registerWith(owner);
       },
       nullptr, new HandlePtr(handle_), freeHandle);
 }

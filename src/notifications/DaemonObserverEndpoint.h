@@ -44,6 +44,15 @@ class DaemonObserverEndpoint {
   struct Handle {
     std::mutex lock;
     DaemonObserverEndpoint* endpoint = nullptr;  // guarded by lock
+
+    // The endpoint a callback's data (a std::shared_ptr<Handle>*) names, or null once it is
+    // gone. The endpoint goes only on the thread the callbacks run on, so it cannot go while
+    // the caller uses it.
+    static DaemonObserverEndpoint* endpointOf(void* data) {
+      const std::shared_ptr<Handle> handle = *static_cast<std::shared_ptr<Handle>*>(data);
+      std::lock_guard<std::mutex> hold(handle->lock);
+      return handle->endpoint;
+    }
   };
   void registerWith(const std::string& owner);
   void perform(const std::string& sender, const std::string& selector, void* parameters,

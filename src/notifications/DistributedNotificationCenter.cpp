@@ -71,9 +71,7 @@ DistributedNotificationCenter::ObserverId DistributedNotificationCenter::addObse
         new Data{this, observer}, [](gpointer data) { delete static_cast<Data*>(data); });
     // The subscription's match rule goes to the bus without a reply; one round trip after it
     // means the bus has it, so a notification posted once this returns is not missed.
-    if (GVariant* id = callSync(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                "org.freedesktop.DBus", "GetId", nullptr, "(s)", -1, nullptr))
-      g_variant_unref(id);
+    waitForBus(bus);
   } else {
     VKLogging::logEventAndPrintVerbose("Unable to observe distributed notifications: {}", why);
   }

@@ -75,3 +75,13 @@ std::optional<uid_t> connectionUnixUser(GDBusConnection* bus, const std::string&
 }
 
 }  // namespace vesk
+
+namespace vesk {
+
+void waitForBus(GDBusConnection* bus) {
+  if (GVariant* id = callSync(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                              "org.freedesktop.DBus", "GetId", nullptr, "(s)", -1, nullptr))
+    g_variant_unref(id);
+}
+
+}  // namespace vesk

@@ -34,6 +34,10 @@ GDBusConnection* systemBus(std::string* why = nullptr);
 std::optional<std::string> nameOwner(GDBusConnection* bus, const std::string& name);
 std::optional<uid_t> connectionUnixUser(GDBusConnection* bus, const std::string& sender);
 
+// Waits for one round trip to the bus. Messages on a connection keep their order, so once it
+// returns the bus has taken everything sent before it, a subscription's match rule included.
+void waitForBus(GDBusConnection* bus);
+
 // A method call that waits for its reply: the reply, or null with `why` set (a D-Bus error,
 // no reply in time). `parameters` is consumed when floating.
 GVariant* callSync(GDBusConnection* bus, const std::string& destination, const char* path,
