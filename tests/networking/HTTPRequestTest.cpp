@@ -433,6 +433,40 @@ TEST_F(HTTPRequestTest, AsynchronousSubmissionReportsOnTheLoopAndCanBeRepeated) 
   EXPECT_TRUE(text(first->responseData()) == kResource);
 }
 
+// The owner of a request may let it go the moment it hears the end, and start another.
+class Releaser : public VESKHTTPRequestDelegate {
+ public:
+  bool respondsToSelector(std::string_view) const override { return true; }
+  void notifyCompletedForRequest(VESKHTTPRequest& request) override {
+    codes.push_back(request.httpResponse()->responseCode());
+    owned.reset();
+    if (!next.empty()) {
+      owned = std::make_unique<VESKHTTPRequest>(next);
+      next.clear();
+      owned->setDelegate(self);
+      owned->asyncSubmitRequest();
+    }
+  }
+  std::unique_ptr<VESKHTTPRequest> owned;
+  std::string next;
+  std::weak_ptr<Releaser> self;
+  std::vector<std::int64_t> codes;
+};
+
+TEST_F(HTTPRequestTest, RequestMayBeReleasedAndReplacedFromItsOwnCompletion) {
+  TestServer server(nullptr, TestServer::Identity::None);
+  auto releaser = std::make_shared<Releaser>();
+  releaser->self = releaser;
+  releaser->next = server.url("/file");
+  releaser->owned = std::make_unique<VESKHTTPRequest>(server.url("/status/404"));
+  releaser->owned->setDelegate(releaser);
+  releaser->owned->asyncSubmitRequest();
+  ASSERT_TRUE(
+      RunLoop::current().runUntilCondition([&] { return releaser->codes.size() == 2; }, 30));
+  EXPECT_EQ(releaser->codes, (std::vector<std::int64_t>{404, 200}));
+  EXPECT_FALSE(releaser->owned);
+}
+
 TEST_F(HTTPRequestTest, OutputFileThatCannotBeOpenedRaisesAndLinksAreNeverFollowed) {
   TestServer server(nullptr, TestServer::Identity::None);
   folder.write("plain-file", "x");
@@ -489,6 +523,42 @@ TEST_F(HTTPRequestTest, HundredMegabytesGoToTheFileNotToMemory) {
   const std::string pattern = test::resourceBytes(1 << 20);
   const std::string content = test::readFile(path("big.bin"));
   EXPECT_TRUE(content.compare(kBigResourceSize - pattern.size(), pattern.size(), pattern) == 0);
+}
+
+TEST_F(HTTPRequestTest, EnvironmentProxiesAreNeverUsed) {
+  TestServer server(nullptr, TestServer::Identity::None);
+  RawServer proxy("HTTP/1.1 502 Bad Gateway\r\nContent-Length: 0\r\n\r\n",
+                  RawServer::Ending::Close);
+  for (const char* name : {"http_proxy", "HTTPS_PROXY", "ALL_PROXY"})
+    ::setenv(name, proxy.url().c_str(), 1);
+  VESKHTTPRequest request(server.url("/file"));
+  EXPECT_EQ(request.submitRequest()->responseCode(), 200);
+  EXPECT_TRUE(proxy.heads().empty());
+}
+
+// The agent is installed set-user-id root: whoever starts it must not make it write the TLS
+// session secrets to a file of their choosing.
+TEST_F(HTTPRequestTest, SetUserIdRunIgnoresTheKeyLogVariable) {
+  if (::getuid() != 0) GTEST_SKIP() << "needs root to give a program to another user";
+  TestServer server(nullptr, TestServer::Identity::None);
+  const auto probe = folder.path() / "http_probe";
+  std::filesystem::copy_file(std::string(VESK_HELPERS_DIR) + "/http_probe", probe);
+  std::filesystem::permissions(folder.path(), std::filesystem::perms::all);  // nobody may write
+  const auto keys = folder.path() / "keys.log";
+  std::vector<std::string> environment = test::environmentWithout({"SSLKEYLOGFILE"});
+  environment.push_back("SSLKEYLOGFILE=" + keys.string());
+
+  // Without the bit the variable works, so the check below can tell the difference.
+  auto result = test::runProgram(probe, {server.url("/file")}, environment);
+  EXPECT_EQ(result.output, "status=200\n");
+  ASSERT_TRUE(std::filesystem::exists(keys)) << "this curl does not log keys; nothing to check";
+  std::filesystem::remove(keys);
+
+  ASSERT_EQ(::chown(probe.c_str(), 65534, 65534), 0);
+  ASSERT_EQ(::chmod(probe.c_str(), 04755), 0);
+  result = test::runProgram(probe, {server.url("/file")}, environment);
+  EXPECT_EQ(result.output, "status=200\n");
+  EXPECT_FALSE(std::filesystem::exists(keys));
 }
 
 }  // namespace
