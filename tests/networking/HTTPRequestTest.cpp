@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <set>
+#include <thread>
 
 #include "foundation/RunLoop.h"
 #include "networking/TestServers.h"
@@ -431,6 +432,27 @@ TEST_F(HTTPRequestTest, AsynchronousSubmissionReportsOnTheLoopAndCanBeRepeated) 
   }
   EXPECT_NE(first, request.httpResponse());  // each submission has a response of its own
   EXPECT_TRUE(text(first->responseData()) == kResource);
+
+  // A request prepared on another thread reports on that thread's loop, while this one's is idle.
+  class ThreadRecorder : public Recorder {
+   public:
+    void notifyCompletedForRequest(VESKHTTPRequest& request) override {
+      Recorder::notifyCompletedForRequest(request);
+      thread = std::this_thread::get_id();
+    }
+    std::thread::id thread;
+  };
+  auto threadRecorder = std::make_shared<ThreadRecorder>();
+  std::thread::id worker;
+  std::thread([&] {
+    worker = std::this_thread::get_id();
+    VESKHTTPRequest elsewhere(server.url("/file"));
+    elsewhere.setDelegate(threadRecorder);
+    elsewhere.asyncSubmitRequest();
+    RunLoop::current().runUntilCondition([&] { return threadRecorder->completions == 1; }, 30);
+  }).join();
+  EXPECT_EQ(threadRecorder->completions, 1);
+  EXPECT_EQ(threadRecorder->thread, worker);
 }
 
 // The owner of a request may let it go the moment it hears the end, and start another.
