@@ -258,4 +258,18 @@ std::string makeValidUtf8(std::string_view bytes) {
   return out;
 }
 
+std::string stringWithObjects(std::string_view format,
+                              std::initializer_list<std::string_view> objects) {
+  std::string result;
+  auto next = objects.begin();
+  std::size_t start = 0;
+  for (std::size_t slot = format.find("%@");
+       slot != std::string_view::npos && next != objects.end(); slot = format.find("%@", start)) {
+    result.append(format.substr(start, slot - start)).append(*next++);
+    start = slot + 2;
+  }
+  result.append(format.substr(start));
+  return result;
+}
+
 }  // namespace vesk

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -51,6 +52,10 @@ std::string lowercaseString(std::string_view text);
 
 // Replaces every occurrence of `from` (non-empty) with `to`.
 std::string replaceAll(std::string_view text, std::string_view from, std::string_view to);
+// `format` with each "%@" replaced by the next of `objects`, in order; slots beyond them stay.
+// For texts that must keep their "%@" form, such as script templates full of braces.
+std::string stringWithObjects(std::string_view format,
+                              std::initializer_list<std::string_view> objects);
 std::vector<std::string> split(std::string_view text, char separator);
 // Whether the bytes are well-formed UTF-8.
 bool isValidUtf8(std::string_view bytes);

@@ -1,10 +1,12 @@
 #include "helpers/TestSupport.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 
@@ -78,6 +80,34 @@ bool pollUntil(const std::function<bool()>& condition, double seconds) {
   }
   return true;
 }
+
+namespace {
+
+// Puts VESK_ROOT back after each test, so that tests run in one process do not see the root
+// an earlier one chose (CTest runs each in a process of its own; a developer may not).
+class RestoreRoot : public ::testing::EmptyTestEventListener {
+ public:
+  RestoreRoot() {
+    if (const char* root = ::getenv("VESK_ROOT")) saved_ = root;
+  }
+  void OnTestEnd(const ::testing::TestInfo&) override {
+    if (saved_) {
+      ::setenv("VESK_ROOT", saved_->c_str(), 1);
+    } else {
+      ::unsetenv("VESK_ROOT");
+    }
+  }
+
+ private:
+  std::optional<std::string> saved_;
+};
+
+const bool restoreRootInstalled = [] {
+  ::testing::UnitTest::GetInstance()->listeners().Append(new RestoreRoot);
+  return true;
+}();
+
+}  // namespace
 
 void useSandbox(const std::filesystem::path& root) {
   std::vector<std::string> environment = environmentWithout({"VESK_ROOT"});

@@ -46,7 +46,8 @@ std::string readFile(const std::filesystem::path& path);
 bool pollUntil(const std::function<bool()>& condition, double seconds = 10);
 
 // Prepares `root` as a client root with scripts/make-sandbox (folders, tools, vesk-defaults)
-// and points this process's VESK_ROOT at it.
+// and points this process's VESK_ROOT at it. Whatever a test sets VESK_ROOT to, the next test
+// starts with the value the program started with.
 void useSandbox(const std::filesystem::path& root);
 
 }  // namespace vesk::test

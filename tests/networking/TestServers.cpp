@@ -171,11 +171,13 @@ TestServer::TestServer(const TestCertificates* certificates, Identity identity,
   }
   httplib::Server& server = *impl_->server;
   Impl* impl = impl_.get();
-  server.set_logger([impl](const httplib::Request& request, const httplib::Response&) {
+  // Recorded before any answer goes out, so that a client that has its answer finds it here.
+  server.set_pre_routing_handler([impl](const httplib::Request& request, httplib::Response&) {
     SeenRequest seen{request.method, request.path, {}, request.body};
     for (const auto& [name, value] : request.headers) seen.headers.emplace_back(name, value);
     std::lock_guard lock(impl->mutex);
     impl->seen.push_back(std::move(seen));
+    return httplib::Server::HandlerResponse::Unhandled;
   });
 
   server.Get("/file", [](const httplib::Request&, httplib::Response& response) {
