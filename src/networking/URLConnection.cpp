@@ -10,7 +10,7 @@
 #include <openssl/x509v3.h>
 #include <sys/auxv.h>
 
-#include <cmath>
+#include <chrono>
 #include <cstdlib>
 #include <deque>
 #include <mutex>
@@ -181,6 +181,10 @@ class URLConnection::Transfer : public std::enable_shared_from_this<Transfer> {
 
   void start();
   void cancel();
+  // Arms the idle timer for what is left of the time-out since the last activity.
+  void watchIdleness();
+  void checkIdleness();
+  void touch() { lastActivity_ = std::chrono::steady_clock::now(); }
   bool cancelled() const { return delegate_ == nullptr; }
   CURL* handle() const { return easy_; }
   void detach() { driver_ = nullptr; }
@@ -247,6 +251,8 @@ class URLConnection::Transfer : public std::enable_shared_from_this<Transfer> {
   std::string trustFailure_;
 
   std::deque<Event> events_;
+  std::chrono::steady_clock::time_point lastActivity_;
+  std::shared_ptr<Timer> idleTimer_;
 };
 
 namespace {
@@ -271,6 +277,8 @@ class CurlDriver {
     transfers_[handle] = std::move(transfer);
     curl_multi_add_handle(multi_, handle);
   }
+
+  bool busy() const { return depth_ > 0; }
 
   void remove(Transfer& transfer) {
     auto it = transfers_.find(transfer.handle());
@@ -408,12 +416,48 @@ void URLConnection::Transfer::start() {
   configure();
   driver_ = &CurlDriver::current();
   driver_->add(shared_from_this());
+  touch();
+  watchIdleness();
 }
 
 void URLConnection::Transfer::cancel() {
   delegate_ = nullptr;
   events_.clear();
+  if (idleTimer_) idleTimer_->invalidate();
   if (driver_ != nullptr) driver_->remove(*this);
+}
+
+// The request's time-out is for silence, not for the whole exchange: a long download that
+// keeps coming never times out. curl's own low-speed check cannot say this exactly (it
+// measures speed once a second), so a timer of the run loop watches the last byte seen.
+void URLConnection::Transfer::watchIdleness() {
+  const double timeout = request_.timeoutInterval();
+  if (timeout <= 0) return;
+  if (idleTimer_) idleTimer_->invalidate();
+  const double idle =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - lastActivity_).count();
+  std::weak_ptr<Transfer> weak = weak_from_this();
+  // Never at once: while curl runs (a loop run from one of its calls) the check must wait.
+  idleTimer_ =
+      RunLoop::current().scheduledTimer(std::max(0.01, timeout - idle), false, [weak](Timer&) {
+        if (auto self = weak.lock()) self->checkIdleness();
+      });
+}
+
+void URLConnection::Transfer::checkIdleness() {
+  if (cancelled() || driver_ == nullptr) return;  // ended, or never started
+  const double idle =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - lastActivity_).count();
+  if (idle < request_.timeoutInterval() || driver_->busy()) {
+    watchIdleness();
+    return;
+  }
+  const std::shared_ptr<Transfer> keep = shared_from_this();
+  driver_->remove(*this);
+  deliver();
+  if (cancelled()) return;
+  delegate_->connectionDidFailWithError(
+      owner_, urlError(kURLErrorTimedOut, request_.url(), currentParts().host));
 }
 
 void URLConnection::Transfer::configure() {
@@ -450,14 +494,12 @@ void URLConnection::Transfer::configure() {
   curl_easy_setopt(easy_, CURLOPT_SSL_CTX_FUNCTION, &Transfer::onTLSContext);
   curl_easy_setopt(easy_, CURLOPT_SSL_CTX_DATA, this);
 
-  // The time-out is how long the exchange may stay idle, as the request defines it.
+  // The time-out is how long the exchange may stay idle (see watchIdleness); connecting is
+  // idle time too, and curl must not give up on it sooner by a limit of its own.
   const double timeout = request_.timeoutInterval();
   if (timeout > 0) {
     curl_easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT_MS,
                      static_cast<long>(std::min(timeout, 1e6) * 1000));
-    curl_easy_setopt(easy_, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(easy_, CURLOPT_LOW_SPEED_TIME,
-                     static_cast<long>(std::max(1.0, std::ceil(std::min(timeout, 1e6)))));
   }
 
   curl_slist_free_all(headers_);
@@ -507,6 +549,7 @@ void URLConnection::Transfer::configure() {
 size_t URLConnection::Transfer::onHeader(char* buffer, size_t size, size_t count, void* data) {
   auto* self = static_cast<Transfer*>(data);
   if (self->cancelled()) return 0;
+  self->touch();
   self->headerLine(std::string_view(buffer, size * count));
   return size * count;
 }
@@ -548,6 +591,7 @@ size_t URLConnection::Transfer::onBody(char* buffer, size_t size, size_t count, 
   auto* self = static_cast<Transfer*>(data);
   const size_t length = size * count;
   if (self->cancelled()) return CURL_WRITEFUNC_ERROR;
+  self->touch();
   if (!self->bodyStarted_) self->beginBody();
   if (self->holdingChallenge_) {
     const size_t room = kHeldBodyLimit - std::min(kHeldBodyLimit, self->heldBody_.size());
@@ -582,6 +626,7 @@ int URLConnection::Transfer::onProgress(void* data, curl_off_t, curl_off_t, curl
   auto* self = static_cast<Transfer*>(data);
   if (self->cancelled() || self->cancelledInHandshake_) return 1;
   if (uploaded != self->uploaded_) {
+    self->touch();
     // A body sent again (after a challenge) starts again from 0.
     const curl_off_t written = uploaded > self->uploaded_ ? uploaded - self->uploaded_ : uploaded;
     self->events_.emplace_back(Sent{written, uploaded, uploadTotal > 0 ? uploadTotal : -1});
@@ -699,6 +744,7 @@ void URLConnection::Transfer::deliver() {
 
 void URLConnection::Transfer::finish(CURLcode result) {
   const std::shared_ptr<Transfer> keep = shared_from_this();
+  if (idleTimer_) idleTimer_->invalidate();
   deliver();
   if (cancelled()) return;
   if (result != CURLE_OK) {
@@ -744,9 +790,7 @@ bool URLConnection::Transfer::answerHTTPChallenge() {
       current_ = {};
       headersComplete_ = bodyStarted_ = holdingChallenge_ = false;
       heldBody_.clear();
-      configure();
-      driver_ = &CurlDriver::current();
-      driver_->add(shared_from_this());
+      start();
       return true;
     default:
       return false;

@@ -227,10 +227,10 @@ TestServer::TestServer(const TestCertificates* certificates, Identity identity,
   server.Get("/slow", [](const httplib::Request&, httplib::Response& response) {
     response.set_chunked_content_provider(
         "application/octet-stream", [sent = 0](std::size_t, httplib::DataSink& sink) mutable {
-          std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the server's pace
-          const std::string piece(1000, 'x');
+          std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the server's pace
+          const std::string piece(500, 'x');
           sink.write(piece.data(), piece.size());
-          if (++sent == 8) sink.done();
+          if (++sent == 16) sink.done();
           return true;
         });
   });

@@ -54,7 +54,7 @@ inline constexpr const char* kPassword = "pa$$ \"word\"";
 //   /basic         "basic ok" for kUser/kPassword by Basic, else 401
 //   /digest        "digest ok" for kUser/kPassword by Digest, else 401
 //   /whoami        the client certificate's subject, or "anonymous"
-//   /slow          8 pieces of 1000 bytes, 200 ms apart
+//   /slow          16 pieces of 500 bytes, 100 ms apart
 //   /big           kBigResourceSize bytes
 //   /echo          a POST's body back
 //   /redirect      302 to /file
