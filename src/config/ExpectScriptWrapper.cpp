@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "config/ClientFolders.h"
+#include "foundation/FileManager.h"
 #include "foundation/Paths.h"
 #include "foundation/StringHelpers.h"
 
@@ -45,17 +46,7 @@ std::optional<Error> createScriptFile(const std::string& path, const std::string
                         kScriptPermissions);
   if (fd < 0) return posixError(errno);
   std::optional<Error> failure;
-  if (::fchmod(fd, kScriptPermissions) != 0) failure = posixError(errno);
-  std::string_view rest = script;
-  while (!failure && !rest.empty()) {
-    const ssize_t n = ::write(fd, rest.data(), rest.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      failure = posixError(errno);
-      break;
-    }
-    rest.remove_prefix(static_cast<std::size_t>(n));
-  }
+  if (::fchmod(fd, kScriptPermissions) != 0 || !writeAll(fd, script)) failure = posixError(errno);
   ::close(fd);
   return failure;
 }

@@ -136,4 +136,14 @@ bool addPosixPermission(mode_t mode, const std::string& path) {
   return ::chmod(path.c_str(), (info.st_mode & 07777) | (mode & 07777)) == 0;
 }
 
+bool writeAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t n = ::write(fd, bytes.data(), bytes.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(n));
+  }
+  return true;
+}
+
 }  // namespace vesk

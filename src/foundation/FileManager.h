@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "foundation/Error.h"
 #include "foundation/Value.h"
@@ -48,6 +49,10 @@ std::optional<FileAttributes> attributesOfItemAtPath(const std::string& path);
 // are left as they are. A link is never followed: its target keeps its attributes. The owner
 // and group apply only as root (see FileAttributes). False when a change failed.
 bool setAttributesOfItemAtPath(const Dictionary& attributes, const std::string& path);
+// Writes all of `bytes` to `fd`, going on after interruptions; false (errno set by the failing
+// write) when a write fails or writes nothing.
+bool writeAll(int fd, std::string_view bytes);
+
 // Adds the permission bits `mode` to the file at `path`.
 bool addPosixPermission(mode_t mode, const std::string& path);
 

@@ -238,13 +238,7 @@ bool writePropertyListAtomically(const std::string& path, const Value& value, Er
   // The new file takes the old one's place with its owner too, as far as this process may
   // give files away.
   if (replacing && ::geteuid() == 0) (void)::fchown(fd, st.st_uid, st.st_gid);
-  bool ok = ::fchmod(fd, mode) == 0;
-  for (std::size_t done = 0; ok && done < text.size();) {
-    const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    ok = n > 0;
-    if (ok) done += static_cast<std::size_t>(n);
-  }
+  bool ok = ::fchmod(fd, mode) == 0 && writeAll(fd, text);
   ok = ok && ::fsync(fd) == 0;
   int savedErrno = ok ? 0 : errno;
   ::close(fd);

@@ -124,13 +124,7 @@ void LogFile::append(std::string_view message) const {
   if (fd < 0) return;
   // One write per line: with O_APPEND the kernel places it whole at the end, whoever else
   // appends at the same time.
-  std::string_view rest(line);
-  while (!rest.empty()) {
-    const ssize_t n = ::write(fd, rest.data(), rest.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    rest.remove_prefix(static_cast<std::size_t>(n));
-  }
+  writeAll(fd, line);
   ::close(fd);
 }
 

@@ -80,7 +80,7 @@ URLParts partsOf(const char* url) {
 std::string offeredMethod(const HeaderFields& headers) {
   bool basic = false, digest = false, ntlm = false, negotiate = false;
   for (const auto& [name, value] : headers) {
-    if (lowercaseString(name) != "www-authenticate") continue;
+    if (!sameHeaderField(name, "WWW-Authenticate")) continue;
     // Several challenges may share one header, separated by commas; a scheme is a token
     // that starts the header or follows a comma and is followed by a blank or the end.
     const std::string lower = lowercaseString(value);
@@ -507,8 +507,8 @@ void URLConnection::Transfer::configure() {
   bool expect = false;
   for (const auto& [name, value] : request_.allHTTPHeaderFields()) {
     // Once a credential answers the server, it replaces whatever Authorization was set.
-    if (credential_ && lowercaseString(name) == "authorization") continue;
-    expect |= lowercaseString(name) == "expect";
+    if (credential_ && sameHeaderField(name, "Authorization")) continue;
+    expect |= sameHeaderField(name, "Expect");
     const std::string line = value.empty() ? name + ";" : name + ": " + value;
     headers_ = curl_slist_append(headers_, line.c_str());
   }

@@ -5,17 +5,14 @@
 #include <unistd.h>
 
 namespace vesk {
-namespace {
 
-bool sameField(std::string_view a, std::string_view b) {
+bool sameHeaderField(std::string_view a, std::string_view b) {
   return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
-}  // namespace
-
 std::optional<std::string> headerValue(const HeaderFields& fields, std::string_view name) {
   for (const auto& [field, value] : fields) {
-    if (sameField(field, name)) return value;
+    if (sameHeaderField(field, name)) return value;
   }
   return std::nullopt;
 }
@@ -44,7 +41,7 @@ bool FileInputStream::seek(std::uint64_t offset) {
 
 void URLRequest::setValueForHTTPHeaderField(std::string value, std::string_view field) {
   for (auto& [name, existing] : headers_) {
-    if (sameField(name, field)) {
+    if (sameHeaderField(name, field)) {
       existing = std::move(value);
       return;
     }

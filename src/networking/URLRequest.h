@@ -17,7 +17,9 @@ namespace vesk {
 
 using HeaderFields = std::vector<std::pair<std::string, std::string>>;
 
-// The value of the header `name` in `fields`, compared without regard to case as HTTP does.
+// Whether two header names are the same, compared without regard to case as HTTP does.
+bool sameHeaderField(std::string_view a, std::string_view b);
+// The value of the header `name` in `fields`.
 std::optional<std::string> headerValue(const HeaderFields& fields, std::string_view name);
 
 // A request body read from a file as it is sent. It can be read again from its start: a

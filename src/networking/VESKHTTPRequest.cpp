@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <utility>
 
 #include "foundation/FileManager.h"
 #include "foundation/RunLoop.h"
@@ -171,16 +172,7 @@ void VESKHTTPRequest::initializeOutputFile() {
 }
 
 bool VESKHTTPRequest::writeToOutputFile(std::string_view data) {
-  if (::lseek(fileHandle_, 0, SEEK_END) < 0) return false;
-  while (!data.empty()) {
-    const ssize_t written = ::write(fileHandle_, data.data(), data.size());
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    data.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return true;
+  return ::lseek(fileHandle_, 0, SEEK_END) >= 0 && writeAll(fileHandle_, data);
 }
 
 void VESKHTTPRequest::closeOutputFile() {
@@ -267,7 +259,8 @@ void VESKHTTPRequest::connectionDidSendBodyData(URLConnection&, std::int64_t,
 void VESKHTTPRequest::fillResponse() {
   httpResponse_->setBytesDownloaded(currentDownloadedBytes_);
   httpResponse_->setBytesUploaded(urlRequest_.httpBody().size());
-  httpResponse_->setResponseData(responseData_ ? *responseData_ : Data());
+  // The response takes the body; the buffer is emptied for the next submission anyway.
+  httpResponse_->setResponseData(responseData_ ? std::exchange(*responseData_, {}) : Data());
 }
 
 void VESKHTTPRequest::connectionDidFinishLoading(URLConnection&) {

@@ -20,7 +20,6 @@ class VESKHTTPResponse {
   void setResponseCode(std::int64_t code) { responseCode_ = code; }
   // Empty when the body went to a file.
   const Data& responseData() const { return responseData_; }
-  Data& responseData() { return responseData_; }
   void setResponseData(Data data) { responseData_ = std::move(data); }
   std::uint64_t totalBytes() const { return bytesUploaded_ + bytesDownloaded_; }
 

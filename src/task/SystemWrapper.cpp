@@ -50,12 +50,7 @@ bool claimFile(const std::string& path, mode_t mode, std::string_view contents =
   if (fileExistsAtPath(path)) removeItemAtPath(path);
   const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
   if (fd < 0) return false;
-  for (std::size_t done = 0; done < contents.size();) {
-    const ssize_t n = ::write(fd, contents.data() + done, contents.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;  // a short script fails in the shell, as an unwritten one would
-    done += static_cast<std::size_t>(n);
-  }
+  writeAll(fd, contents);  // a short script fails in the shell, as an unwritten one would
   ::close(fd);
   return true;
 }
