@@ -17,12 +17,10 @@
 
 #include "foundation/OpenStepText.h"
 #include "foundation/PropertyList.h"
+#include "foundation/PropertyListLimits.h"
 
 namespace vesk {
 namespace {
-
-// Deeper nesting than this is refused rather than risking the stack.
-constexpr int kMaxDepth = 512;
 
 class OpenStepParser {
  public:
@@ -93,7 +91,7 @@ class OpenStepParser {
   }
 
   Value parseValue(int depth) {
-    if (depth > kMaxDepth) return fail("The property list is nested too deeply.");
+    if (depth > kMaxPropertyListDepth) return fail("The property list is nested too deeply.");
     skipSpace();
     switch (peek()) {
       case '{':

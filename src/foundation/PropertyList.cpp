@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "foundation/FileManager.h"
+#include "foundation/PropertyListLimits.h"
 
 namespace vesk {
 namespace {
@@ -53,17 +54,10 @@ Value fromNode(plist_t node) {
       plist_get_real_val(node, &d);
       return Value(d);
     }
-    case PLIST_STRING:
-    case PLIST_KEY: {
-      char* s = nullptr;
-      if (plist_get_node_type(node) == PLIST_KEY) {
-        plist_get_key_val(node, &s);
-      } else {
-        plist_get_string_val(node, &s);
-      }
-      Value v(std::string(s ? s : ""));
-      free(s);
-      return v;
+    case PLIST_STRING: {
+      uint64_t length = 0;
+      const char* text = plist_get_string_ptr(node, &length);
+      return Value(text != nullptr ? std::string(text, length) : std::string());
     }
     case PLIST_DATA: {
       char* bytes = nullptr;
@@ -171,12 +165,19 @@ Value propertyListFromBytes(std::string_view bytes, Error* error) {
   }
   const auto length = static_cast<uint32_t>(bytes.size());
   plist_t root = nullptr;
-  if (isBinaryPropertyList(bytes)) {
+  const bool binary = isBinaryPropertyList(bytes);
+  if (!binary && !looksLikeXml(bytes)) return propertyListFromOpenStepText(bytes, error);
+  // libplist is handed only what it can read safely.
+  const std::string hazard =
+      binary ? binaryPropertyListHazard(bytes) : xmlPropertyListHazard(bytes);
+  if (!hazard.empty()) {
+    setError(error, readError(hazard));
+    return Value();
+  }
+  if (binary) {
     plist_from_bin(bytes.data(), length, &root);
-  } else if (looksLikeXml(bytes)) {
-    plist_from_xml(bytes.data(), length, &root);
   } else {
-    return propertyListFromOpenStepText(bytes, error);
+    plist_from_xml(bytes.data(), length, &root);
   }
   PlistPtr owner(root);
   if (root == nullptr) {

@@ -14,9 +14,7 @@ const Value kNil;
 // Strings inside containers are quoted unless they are one bare word, so that the text
 // reads back as the same property list.
 void appendQuotedIfNeeded(std::string& out, const std::string& text) {
-  bool bare = !text.empty();
-  for (char c : text) bare = bare && isOpenStepBareCharacter(c);
-  if (bare) {
+  if (isOpenStepBareString(text)) {
     out += text;
     return;
   }

@@ -10,24 +10,22 @@
 namespace vesk {
 namespace {
 
-// All the text below a node, as the platform's XML string value gives it.
-std::string stringValue(const pugi::xml_node& node) {
-  struct Collector : pugi::xml_tree_walker {
-    std::string text;
-    bool for_each(pugi::xml_node& n) override {
-      if (n.type() == pugi::node_pcdata || n.type() == pugi::node_cdata) text += n.value();
-      return true;
-    }
-  } collector;
-  const_cast<pugi::xml_node&>(node).traverse(collector);
-  return collector.text;
+// The text of a node itself, without that of the elements inside it: an element nested in a
+// process (another entry, even) must not become part of its pattern, and reading only the
+// node's own text keeps loading linear however deeply entries are nested.
+std::string ownText(const pugi::xml_node& node) {
+  std::string text;
+  for (const pugi::xml_node& child : node.children())
+    if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata)
+      text += child.value();
+  return text;
 }
 
 // The stripped text of the first child named `name`; nullopt when there is none.
 std::optional<std::string> childText(const pugi::xml_node& node, const char* name) {
   const pugi::xml_node child = node.child(name);
   if (!child) return std::nullopt;
-  return strip(stringValue(child));
+  return strip(ownText(child));
 }
 
 bool childBool(const pugi::xml_node& node, const char* name) {
@@ -70,7 +68,7 @@ Blacklist BlacklistedSoftwareHelper::loadBlacklistedSoftwareFromXMLString(std::s
 
     try {
       for (const pugi::xpath_node& user : node.select_nodes("ns2:whitelistedUsers/ns2:username"))
-        item.whitelistedUsers().set(strip(stringValue(user.node())), Value(""));
+        item.whitelistedUsers().set(strip(ownText(user.node())), Value(""));
     } catch (const pugi::xpath_exception& e) {
       VKLogging::logEvent("error parsing while list {}", e.what());
     }

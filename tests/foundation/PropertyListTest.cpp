@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "foundation/PropertyList.h"
+#include "foundation/PropertyListLimits.h"
 #include "helpers/TestSupport.h"
 
 namespace vesk {
@@ -65,20 +66,85 @@ TEST(PropertyList, ReadsTheTextFormThatDefaultsPrints) {
 
 TEST(PropertyList, DescriptionsReadBackAsTheSameStrings) {
   const Value v(Dictionary{{"a key", "line\nbreak \"q\" \\ \u00e9"},
-                           {"list", Value(Array{Value(""), Value("x;y")})},
+                           {"list", Value(Array{Value(""), Value("x;y"), Value("//")})},
+                           {"//k", "v"},
+                           {"z", "/*w*/"},
+                           {"share", "//server/share"},
                            {"data", Value(Data{1, 2, 3, 4, 5})}});
   EXPECT_EQ(propertyListFromBytes(v.description()), v);
+}
+
+std::string fromHex(std::string_view hex) {
+  std::string bytes;
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
+    bytes.push_back(static_cast<char>(std::stoi(std::string(hex.substr(i, 2)), nullptr, 16)));
+  return bytes;
+}
+
+// Binary property lists of `count` arrays, each holding a reference to the next (nested) or
+// two to the next (shared, standing for 2^count values), the innermost empty.
+std::string binaryArrays(std::size_t count, bool shared) {
+  std::string out = "bplist00";
+  std::vector<std::uint32_t> offsets;
+  auto be32 = [&](std::uint64_t v) {
+    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<char>(v >> shift));
+  };
+  for (std::size_t i = 0; i < count; ++i) {
+    offsets.push_back(static_cast<std::uint32_t>(out.size()));
+    const bool last = i + 1 == count;
+    out.push_back(static_cast<char>(last ? 0xA0 : shared ? 0xA2 : 0xA1));
+    for (int ref = 0; !last && ref < (shared ? 2 : 1); ++ref) be32(i + 1);
+  }
+  const std::size_t table = out.size();
+  for (const std::uint32_t offset : offsets) be32(offset);
+  out.append(6, '\0');
+  out += "\x04\x04";
+  for (const std::uint64_t v : {std::uint64_t{count}, std::uint64_t{0}, std::uint64_t{table}}) {
+    be32(v >> 32);
+    be32(v & 0xffffffff);
+  }
+  return out;
+}
+
+std::string xmlArrays(std::size_t count) {
+  std::string xml = "<?xml version=\"1.0\"?><plist>";
+  for (std::size_t i = 0; i < count; ++i) xml += "<array>";
+  for (std::size_t i = 0; i < count; ++i) xml += "</array>";
+  return xml + "</plist>";
 }
 
 TEST(PropertyList, RefusesWhatIsNotAPropertyList) {
   for (const std::string& bad : std::vector<std::string>{
            "", "   ", "{ a = b }", "{ a = b; ", "(a, b", "\"open", "<0a1>", "a b", "{ = b; }",
            "<?xml version=\"1.0\"?><plist><dict><key>a</key>", "{length = 4, bytes = 0x0a0b}",
-           std::string(100000, '('), std::string(100000, '{')}) {
+           std::string(100000, '('), std::string(100000, '{'),
+           // A zero character, in a string or a key: refused, never handed to libplist.
+           std::string("<?xml?><string>\0</string>", 25),
+           fromHex("62706c697374303061000008000000000000010100000000000000010000000000000000000"
+                   "000000000000b"),
+           fromHex("62706c6973743030d101026100005176080b0e000000000000010100000000000000030000"
+                   "0000000000000000000000000010"),
+           // Nesting beyond the limit in every form, and references that expand without end.
+           xmlArrays(50000), binaryArrays(50000, false), binaryArrays(40, true),
+           binaryArrays(513, false).substr(0, 100)}) {
     Error error;
     EXPECT_TRUE(propertyListFromBytes(bad, &error).isNil()) << bad.substr(0, 40);
     EXPECT_EQ(error.domain(), kPropertyListErrorDomain) << bad.substr(0, 40);
   }
+}
+
+TEST(PropertyList, ReadsNestingUpToTheLimitInEveryForm) {
+  Value nested = Value(Array{});
+  for (int i = 1; i < kMaxPropertyListDepth; ++i) nested = Value(Array{nested});
+  EXPECT_EQ(propertyListFromBytes(xmlArrays(kMaxPropertyListDepth)), nested);
+  EXPECT_EQ(propertyListFromBytes(binaryArrays(kMaxPropertyListDepth, false)), nested);
+  EXPECT_EQ(propertyListFromBytes(nested.description()), nested);
+  EXPECT_TRUE(propertyListFromBytes(xmlArrays(kMaxPropertyListDepth + 1)).isNil());
+  EXPECT_TRUE(propertyListFromBytes(binaryArrays(kMaxPropertyListDepth + 1, false)).isNil());
+  // Shared references are read once per place they appear, within the limit.
+  const Value shared = propertyListFromBytes(binaryArrays(12, true));
+  ASSERT_FALSE(shared.isNil());
+  EXPECT_EQ((*shared.array())[0], (*shared.array())[1]);
 }
 
 TEST(PropertyList, WritesAtomicallyAndKeepsAnExistingMode) {

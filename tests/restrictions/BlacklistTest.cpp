@@ -75,6 +75,16 @@ TEST(RestrictedList, TakesOddTextLiterallyAndRefusesWhatIsNotItsXml) {
       document(entry("[abc") + entry("*") + entry("Tom &amp; Jerry") + entry("<![CDATA[a<b]]>")));
   EXPECT_EQ(keys(odd), (std::vector<std::string>{"*", "*Tom & Jerry*", "*[abc*", "*a<b*"}));
 
+  // An entry's text is its own: entries nested in a process stay entries of their own, and
+  // nesting them deeply costs no more than listing them.
+  EXPECT_EQ(keys(load(document(entry("Chess" + entry("Go"))))),
+            (std::vector<std::string>{"*Chess*", "*Go*"}));
+  const std::string open = entry("p"), close = "</ns2:process></ns2:blacklisted>";
+  std::string nested;
+  for (int i = 0; i < 5000; ++i) nested += open.substr(0, open.size() - close.size());
+  for (int i = 0; i < 5000; ++i) nested += close;
+  EXPECT_EQ(keys(load(document(nested))), std::vector<std::string>{"*p*"});
+
   // Entity declarations are neither expanded nor followed to a file.
   const Blacklist declared = load(
       "<?xml version=\"1.0\"?><!DOCTYPE x [<!ENTITY secret SYSTEM \"file:///etc/passwd\">"
