@@ -24,7 +24,8 @@ class ProcessTable {
   virtual ~ProcessTable() = default;
   // Every process that could be read whole; one that ends while it is read is left out.
   virtual std::vector<ProcessRecord> listProcesses() = 0;
-  // SIGKILL: cannot be caught. Whether it arrived is not reported.
+  // SIGKILL: cannot be caught. Whether it arrived is not reported. A pid below 1 or this
+  // process's own is never signalled.
   virtual void sendKill(pid_t pid) = 0;
 
   // The machine's own table.

@@ -5,6 +5,7 @@
 #include <pwd.h>
 
 #include <algorithm>
+#include <cstdint>
 
 #include "foundation/FileManager.h"
 #include "foundation/StringHelpers.h"
@@ -254,7 +255,9 @@ void EnforceRestrictionsAgentStrategy::checkApplication(const Dictionary& userIn
       userInfo["NSApplicationProcessSerialNumberLow"].unsignedIntegerValue());
   serialNumber.highLongOfPSN = static_cast<std::uint32_t>(
       userInfo["NSApplicationProcessSerialNumberHigh"].unsignedIntegerValue());
-  const auto pid = static_cast<pid_t>(userInfo["NSApplicationProcessIdentifier"].integerValue());
+  // A number that is no pid reads as none, rather than as whatever it wraps to.
+  const std::int64_t number = userInfo["NSApplicationProcessIdentifier"].integerValue();
+  const pid_t pid = number > 0 && number <= INT32_MAX ? static_cast<pid_t>(number) : 0;
   checkProcessOrApplicationWithAppPath(path ? std::optional<std::string>(*path) : std::nullopt,
                                        user, serialNumber, pid);
 }

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -222,8 +223,24 @@ TEST(ProcessHandler, NeverStoresTheSerialNumberItIsGivenAndEndsWithTheSignal) {
     EXPECT_TRUE(handler.isProcessSerialNumberEmpty()) << version;
     EXPECT_EQ(handler.isOsVesionLessThanTenNine(), std::string(version) == "10.8.5");
     handler.killRunningProcess();
+    for (const pid_t none : {0, -1, ::getpid()})
+      VESKProcessHandler(none, ProcessSerialNumber{}, table).killRunningProcess();
     EXPECT_EQ(table.killed, std::vector<pid_t>{77}) << version;
   }
+}
+
+TEST(EnforcementOnThisMachine, NeverSignalsAPidThatNamesNoProcessOrItself) {
+  const std::string probe = std::string(VESK_HELPERS_DIR) + "/kill_probe";
+  if (const std::string why = test::whyNobodyCannotRun(probe); !why.empty()) GTEST_SKIP() << why;
+  auto run = test::startProgram("/usr/bin/setpriv", test::asNobody(probe));
+  EXPECT_EQ(run->readOutputToEnd(), "alive\n");
+  EXPECT_EQ(run->waitUntilExit(), 0);
+}
+
+// Who owns the processes this test starts.
+std::string userName() {
+  const passwd* entry = ::getpwuid(::getuid());
+  return entry != nullptr ? entry->pw_name : "";
 }
 
 // A copy of a harmless program under a restricted name, running in a temporary folder.
@@ -243,8 +260,8 @@ TEST(EnforcementOnThisMachine, KillsARestrictedProcessAndDeletesItsBundle) {
              "<l><ns2:blacklisted><ns2:id>5</ns2:id><ns2:process>Chessgame</ns2:process>"
              "<ns2:kill>true</ns2:kill><ns2:delete>true</ns2:delete></ns2:blacklisted>"
              "<ns2:blacklisted><ns2:id>6</ns2:id><ns2:process>Exempt</ns2:process>"
-             "<ns2:kill>true</ns2:kill><ns2:whitelistedUsers><ns2:username>root</ns2:username>"
-             "</ns2:whitelistedUsers></ns2:blacklisted></l>");
+             "<ns2:kill>true</ns2:kill><ns2:whitelistedUsers><ns2:username>" +
+                 userName() + "</ns2:username></ns2:whitelistedUsers></ns2:blacklisted></l>");
   test::TemporaryFolder apps;
   const fs::path bundle = apps.path() / "Chessgame.app";
   auto restricted = runCopyOfSleep(bundle / "Contents/MacOS/Chessgame");
@@ -262,7 +279,7 @@ TEST(EnforcementOnThisMachine, KillsARestrictedProcessAndDeletesItsBundle) {
   EXPECT_EQ(command.posts[0].first, "com.vesksoftware.vesk.blacklistEvent");
   EXPECT_EQ(command.posts[0].second["ProcessID"],
             Value(static_cast<long>(restricted->processIdentifier())));
-  EXPECT_EQ(command.posts[0].second["Owner"], Value("root"));
+  EXPECT_EQ(command.posts[0].second["Owner"], Value(userName()));
   exempt->terminate();
   exempt->waitUntilExit();
 }
@@ -300,8 +317,9 @@ TEST(EnforcementOnThisMachine, TellsTheDaemonInAnotherProcess) {
   const std::string pid = std::to_string(restricted->processIdentifier());
   EXPECT_EQ(daemon.nextLine(),
             "{\"name\":\"com.vesksoftware.vesk.blacklistEvent\",\"userInfo\":{\"AppPath\":\"" +
-                (apps.path() / "Chessgame").string() +
-                "\",\"BlacklistID\":42,\"Owner\":\"root\",\"Process\":\"*chessgame*\","
+                (apps.path() / "Chessgame").string() + "\",\"BlacklistID\":42,\"Owner\":\"" +
+                userName() +
+                "\",\"Process\":\"*chessgame*\","
                 "\"ProcessID\":" +
                 pid + ",\"Username\":\"alice\"}}");
   EXPECT_EQ(daemon.nextLine().rfind(

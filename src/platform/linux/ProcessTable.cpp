@@ -72,7 +72,11 @@ class LinuxProcessTable : public ProcessTable {
     return processes;
   }
 
-  void sendKill(pid_t pid) override { (void)::kill(pid, SIGKILL); }
+  void sendKill(pid_t pid) override {
+    // The last line of defence: 0 and the negative numbers name groups, or every process.
+    if (pid < 1 || pid == ::getpid()) return;
+    (void)::kill(pid, SIGKILL);
+  }
 };
 
 }  // namespace
