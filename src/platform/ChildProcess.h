@@ -26,6 +26,9 @@ struct ChildProcessPlan {
   StdioMode input = StdioMode::kInherit;
   StdioMode output = StdioMode::kInherit;
   StdioMode error = StdioMode::kInherit;
+  // A process group of its own, led by the child, so that signalGroup reaches whatever it
+  // starts as well.
+  bool newProcessGroup = false;
 };
 
 // One child program, started without a shell.
@@ -73,6 +76,19 @@ class ChildProcess {
   // A descriptor that polls readable once the child has ended, for readers that must not
   // outwait a descendant holding a pipe open; -1 where the system offers none. Owned here.
   int exitDescriptor() const { return exitFd_; }
+
+  // Reads what standard output holds right now, without waiting for more; false once it has
+  // reached its end.
+  bool readAvailableOutput(std::string& into);
+
+  // Waits up to `milliseconds` (-1: without limit) for the child to end, without collecting
+  // its status, so that its process id and group stay its own meanwhile; answers whether it
+  // has ended.
+  bool waitForExit(int milliseconds);
+  // Sends `number` to the child's process group (a child launched with newProcessGroup), its
+  // members that outlived the child included, as long as the child's status has not been
+  // collected: until then no other process can own that group's number.
+  void signalGroup(int number);
 
   // Blocks until the child has ended; answers terminationStatus(). A separate standard
   // error pipe that was not released is drained while waiting.

@@ -1,6 +1,7 @@
 #include "task/VESKTask.h"
 
 #include <fmt/format.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -184,33 +185,54 @@ std::string VESKTask::executeAsUser(const Command& command, const std::string& u
 }
 
 std::string VESKTask::executeWithTimeout(const Command& command, double seconds, Error* error) {
+  using Clock = std::chrono::steady_clock;
   std::shared_ptr<ChildProcess> child;
   std::string output;
   try {
-    const auto start = std::chrono::steady_clock::now();
-    child = launch(planFor(command, StdioMode::kInherit, StdioMode::kPipe, StdioMode::kInherit));
+    ChildProcessPlan plan =
+        planFor(command, StdioMode::kInherit, StdioMode::kPipe, StdioMode::kInherit);
+    // A group of its own: a time-out ends what the command started too, not only the command.
+    plan.newProcessGroup = true;
+    const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                             std::chrono::duration<double>(std::max(seconds, 0.0)));
+    child = launch(plan);
     // The output is read while waiting, so a child that prints more than a pipe holds is
     // not stalled into the deadline.
-    while (child->isRunning()) {
-      const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-      if (elapsed.count() > seconds) {
-        child->terminate();
+    bool outputOpen = true;
+    while (!child->waitForExit(0)) {
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+      if (left <= 0) {
+        endProcessGroup(*child);
         throw Exception("Command Timeout",
                         "The timeout was reached before the command finished executing.");
       }
-      child->readOutputFor(output, 100);
+      const int step = static_cast<int>(std::min<long long>(left, 100));
+      if (outputOpen) {
+        outputOpen = child->readOutputFor(output, step);
+      } else {
+        child->waitForExit(step);
+      }
     }
   } catch (const std::exception& failure) {
     logError(fmt::format("Exception Encountered: {}", reasonOf(failure)), false);
   }
   if (child) {
+    // What it wrote before it ended. A descendant that still holds the pipe is not waited for.
+    child->readAvailableOutput(output);
     waitForStatus(*child, error);
-    output += child->readOutputToEnd();
   } else {
     setError(error, Error(VESKTaskErrorDomain, 0));  // it never started
   }
   finishRun();
   return outputText(output);
+}
+
+void VESKTask::endProcessGroup(ChildProcess& child) {
+  // Politely first; whatever is left after the grace, the command itself included, is killed.
+  child.signalGroup(SIGTERM);
+  child.waitForExit(static_cast<int>(kTimeoutGraceSeconds * 1000));
+  child.signalGroup(SIGKILL);
 }
 
 std::string VESKTask::executeWithStdinFromFile(const Command& command, const std::string& path,

@@ -16,6 +16,9 @@
 
 namespace vesk {
 
+// How long a timed-out command's process group has after SIGTERM before SIGKILL.
+inline constexpr double kTimeoutGraceSeconds = 1.0;
+
 // Errors of this domain carry the child's exit status as their code and no message.
 inline constexpr const char* VESKTaskErrorDomain = "com.vesksoftware.task.errors";
 
@@ -76,9 +79,12 @@ class VESKTask {
   std::string executeAsUser(const Command& command, const std::string& user,
                             Error* error = nullptr);
 
-  // Terminates the child once it has run longer than `seconds` (checked every tenth of a
-  // second) and logs that it did. Standard input and error are this process's own. What the
-  // child printed is answered either way.
+  // Ends the child once it has run longer than `seconds` and logs that it did: SIGTERM to
+  // the child's process group (it runs in one of its own), then, after kTimeoutGraceSeconds,
+  // SIGKILL to whatever of the group is left, so a command that ignores SIGTERM cannot hold
+  // the caller. Standard input and error are this process's own. What the child printed
+  // before it ended is answered either way; a descendant that keeps the output open is not
+  // waited for.
   std::string executeWithTimeout(const Command& command, double seconds, Error* error = nullptr);
 
   // Feeds the bytes of the file at `path` to the child's standard input, then deletes the
@@ -129,6 +135,7 @@ class VESKTask {
                            StdioMode output = StdioMode::kInherit,
                            StdioMode error = StdioMode::kInherit);
   std::shared_ptr<ChildProcess> launch(const ChildProcessPlan& plan);
+  static void endProcessGroup(ChildProcess& child);
   // The main runner's work: the child's output as it came, before stripping.
   std::string run(const Command& command, const std::optional<std::string>& answer, Error* error,
                   bool ignoreStderr, bool writeToConsole);

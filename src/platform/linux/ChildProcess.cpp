@@ -8,7 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <thread>
@@ -134,7 +136,12 @@ std::unique_ptr<ChildProcess> ChildProcess::launch(const ChildProcessPlan& plan)
   sigfillset(&all);
   posix_spawnattr_setsigmask(&attr, &none);
   posix_spawnattr_setsigdefault(&attr, &all);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  short flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
+  if (plan.newProcessGroup) {
+    posix_spawnattr_setpgroup(&attr, 0);
+    flags |= POSIX_SPAWN_SETPGROUP;
+  }
+  posix_spawnattr_setflags(&attr, flags);
 
   std::vector<std::string> argvStrings;
   argvStrings.reserve(plan.arguments.size() + 1);
@@ -236,6 +243,47 @@ bool ChildProcess::readOutputFor(std::string& into, int milliseconds) {
   const int ready = ::poll(fds, 2, milliseconds);
   if (ready > 0 && fds[0].revents != 0 && !readAvailable(outputFd_, &into)) closeFd(outputFd_);
   return outputFd_ >= 0;
+}
+
+bool ChildProcess::readAvailableOutput(std::string& into) {
+  while (outputFd_ >= 0) {
+    pollfd fd = {outputFd_, POLLIN, 0};
+    const int ready = ::poll(&fd, 1, 0);
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) break;
+    if (!readAvailable(outputFd_, &into)) closeFd(outputFd_);
+  }
+  return outputFd_ >= 0;
+}
+
+bool ChildProcess::waitForExit(int milliseconds) {
+  {
+    std::lock_guard<std::mutex> hold(lock_);
+    if (exited_) return true;
+  }
+  if (exitFd_ >= 0) {
+    pollfd fd = {exitFd_, POLLIN, 0};
+    while (true) {
+      const int ready = ::poll(&fd, 1, milliseconds);
+      if (ready < 0 && errno == EINTR) continue;
+      return ready > 0;
+    }
+  }
+  // Without a process descriptor: ask in short steps, leaving the status to be collected.
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(milliseconds, 0));
+  while (true) {
+    siginfo_t info{};
+    const int r = ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT);
+    if (r < 0 || info.si_pid == pid_) return true;
+    if (milliseconds >= 0 && std::chrono::steady_clock::now() >= deadline) return false;
+    ::usleep(5000);
+  }
+}
+
+void ChildProcess::signalGroup(int number) {
+  std::lock_guard<std::mutex> hold(lock_);
+  if (!exited_) ::killpg(pid_, number);
 }
 
 void ChildProcess::drainSeparateErrorUntilExit() {
