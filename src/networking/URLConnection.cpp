@@ -30,6 +30,9 @@ namespace {
 constexpr const char* kTrustBundle = "/etc/ssl/certs/ca-certificates.crt";
 // The most of a refused answer's body kept while its challenge is decided.
 constexpr std::size_t kHeldBodyLimit = 1 << 20;
+// How many delivered body buffers a transfer keeps for reuse: as many as curl hands over in
+// one turn of the loop, commonly.
+constexpr std::size_t kSpareBuffers = 8;
 
 void initializeCurl() {
   static std::once_flag once;
@@ -251,6 +254,7 @@ class URLConnection::Transfer : public std::enable_shared_from_this<Transfer> {
   std::string trustFailure_;
 
   std::deque<Event> events_;
+  std::vector<std::string> spareBuffers_;  // delivered pieces' buffers, for the next pieces
   std::chrono::steady_clock::time_point lastActivity_;
   std::shared_ptr<Timer> idleTimer_;
 };
@@ -598,7 +602,16 @@ size_t URLConnection::Transfer::onBody(char* buffer, size_t size, size_t count, 
     self->heldBody_.append(buffer, std::min(room, length));
     return length;
   }
-  self->events_.emplace_back(std::string(buffer, length));
+  // Pieces of body come 16 KB at a time over TLS: each goes into a buffer that an earlier
+  // piece was delivered from, so a download does not make the allocator return memory to the
+  // system and ask for it again at every piece.
+  std::string piece;
+  if (!self->spareBuffers_.empty()) {
+    piece = std::move(self->spareBuffers_.back());
+    self->spareBuffers_.pop_back();
+  }
+  piece.assign(buffer, length);
+  self->events_.emplace_back(std::move(piece));
   return length;
 }
 
@@ -735,6 +748,7 @@ void URLConnection::Transfer::deliver() {
       delegate_->connectionDidReceiveResponse(owner_, *response);
     } else if (auto* bytes = std::get_if<std::string>(&event)) {
       delegate_->connectionDidReceiveData(owner_, *bytes);
+      if (spareBuffers_.size() < kSpareBuffers) spareBuffers_.push_back(std::move(*bytes));
     } else {
       const Sent& sent = std::get<Sent>(event);
       delegate_->connectionDidSendBodyData(owner_, sent.written, sent.total, sent.expected);
@@ -783,7 +797,11 @@ bool URLConnection::Transfer::answerHTTPChallenge() {
       if (challenge.credential()->kind() != URLCredential::Kind::Password ||
           (method != kAuthenticationMethodHTTPBasic && method != kAuthenticationMethodHTTPDigest))
         return false;
-      // Ask again, this time with the credential.
+      // Ask again, this time with the credential, on a handle of its own: the old one
+      // remembers the server's first challenge and would answer the next 401 by itself,
+      // sending the same refused credential a second time.
+      curl_easy_cleanup(easy_);
+      easy_ = curl_easy_init();
       ++failedChallenges_;
       credential_ = challenge.credential();
       credentialMethod_ = method;
