@@ -33,7 +33,7 @@ namespace {
 using vesk::Dictionary;
 using vesk::Value;
 
-// How long `notify` stays connected after posting.
+// How long `notify` stays connected after posting when it is not root (see notify).
 constexpr double kStayAfterNotifying = 0.25;
 
 int usage() {
@@ -169,8 +169,15 @@ bool parseUserInfo(char** begin, char** end, Dictionary* userInfo) {
 }
 
 int serve() {
+  // A center on a bus that went away hears nothing any more: end, for a supervisor to start
+  // it again on the bus that replaced it, as the agent does.
   std::string why;
-  if (vesk::systemBus(&why) == nullptr) return fail("no system bus: " + why);
+  if (!vesk::exitWhenSystemBusLost(
+          [](const std::string& why) {
+            fmt::print(stderr, "vesk-center: lost the connection to the system bus: {}\n", why);
+          },
+          &why))
+    return fail("no system bus: " + why);
   auto center = vesk::VESKNotificationCenter::initForDaemonWithName(vesk::kDaemonCenterName);
   center->setMonitor(
       [](const std::string& name, const std::optional<std::string>&, const Dictionary& userInfo) {
@@ -211,15 +218,14 @@ int post(const std::string& name, const Dictionary& userInfo) {
 
 int notify(const std::string& name, const Dictionary& userInfo) {
   std::string why;
-  GDBusConnection* bus = vesk::systemBus(&why);
-  if (bus == nullptr) return fail("no system bus: " + why);
+  if (vesk::systemBus(&why) == nullptr) return fail("no system bus: " + why);
   if (!vesk::DistributedNotificationCenter::defaultCenter().postNotificationName(name, std::nullopt,
                                                                                  userInfo))
     return fail("the notification could not be sent");
-  g_dbus_connection_flush_sync(bus, nullptr, nullptr);
-  // A signal does not say who sent it: receivers ask the bus, which can answer only while
-  // this connection lasts. Stay a moment so that they can.
-  vesk::RunLoop::current().runUntil(kStayAfterNotifying);
+  // Root's notifications travel where only root may send, and need no more. Anyone else's
+  // are checked by asking the bus who sent them, which it can answer only while this
+  // connection lasts: stay a moment so that receivers can.
+  if (!vesk::systemBusIsRoot()) vesk::RunLoop::current().runUntil(kStayAfterNotifying);
   return 0;
 }
 

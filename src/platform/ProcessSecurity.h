@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -15,5 +17,28 @@ bool isSetUserIdExecution();
 // a fixed search path and only the terminal and locale settings: no BASH_ENV, IFS, LD_ or
 // interpreter paths, and no locale given as a file path. Otherwise all of it.
 std::vector<std::string> inheritableEnvironment();
+
+// While it lives, the calling thread acts as the real user and group of a set-user-id or
+// set-group-id process: its effective ids are the real ones. Other threads keep theirs, and
+// nothing changes in a process whose ids are already equal. For what must be done in the
+// user's name rather than root's, such as connecting to the system bus, which takes a peer's
+// credentials when the connection is made.
+class ActingAsRealUser {
+ public:
+  ActingAsRealUser();
+  ~ActingAsRealUser();
+  ActingAsRealUser(const ActingAsRealUser&) = delete;
+  ActingAsRealUser& operator=(const ActingAsRealUser&) = delete;
+
+  // False when the ids could not be switched; the thread then acts as before.
+  bool acting() const { return acting_; }
+
+ private:
+  uid_t effectiveUid_;
+  gid_t effectiveGid_;
+  bool uidSwitched_ = false;
+  bool gidSwitched_ = false;
+  bool acting_ = true;
+};
 
 }  // namespace vesk

@@ -41,6 +41,10 @@ PrivateBus::PrivateBus() {
           "  <include>" VESK_DBUS_POLICY
           "</include>\n"
           "</busconfig>\n");
+  start();
+}
+
+void PrivateBus::start() {
   ChildProcessPlan plan;
   plan.path = "/usr/bin/dbus-daemon";
   plan.arguments = {"--config-file=" + (folder_.path() / "bus.conf").string(), "--nofork",
@@ -55,6 +59,12 @@ PrivateBus::PrivateBus() {
   if (end == std::string::npos) throw std::runtime_error("dbus-daemon did not start: " + printed);
   address_ = printed.substr(0, end);
   ::setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
+}
+
+void PrivateBus::restart() {
+  daemon_->terminate();
+  daemon_->waitUntilExit();
+  start();
 }
 
 PrivateBus::~PrivateBus() {

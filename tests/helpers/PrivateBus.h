@@ -22,8 +22,13 @@ class PrivateBus {
   PrivateBus& operator=(const PrivateBus&) = delete;
 
   const std::string& address() const { return address_; }
+  std::string socketPath() const { return (folder_.path() / "system_bus_socket").string(); }
+  // Stops the bus and starts another at the same address: every connection to it is lost.
+  void restart();
 
  private:
+  void start();
+
   TemporaryFolder folder_;
   std::unique_ptr<ChildProcess> daemon_;
   std::string address_;

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 
+#include "helpers/PrivateBus.h"
 #include "helpers/TestSupport.h"
 
 namespace vesk {
@@ -22,10 +23,11 @@ class Probe {
   test::ProgramResult run(const std::vector<std::string>& environment) const {
     return test::runProgram(path_.string(), {}, environment);
   }
-  // From now on it runs as nobody, whoever starts it.
-  bool makeSetUserIdNobody() const {
-    return ::chown(path_.c_str(), 65534, 65534) == 0 && ::chmod(path_.c_str(), 04755) == 0;
+  // From now on it runs as `uid` (nobody unless told), whoever starts it.
+  bool makeSetUserIdNobody(uid_t uid = 65534) const {
+    return ::chown(path_.c_str(), uid, uid) == 0 && ::chmod(path_.c_str(), 04755) == 0;
   }
+  const std::filesystem::path& path() const { return path_; }
 
  private:
   test::TemporaryFolder folder_;
@@ -77,6 +79,29 @@ TEST(SetUserId, ChildrenGetAFixedPathAndNoneOfTheStartersShellSettings) {
   EXPECT_EQ(
       elevated.output,
       "euid=65534\nPATH=/usr/bin:/bin:/usr/sbin:/sbin:/usr/local/vesk/bin\nLANG=C.UTF-8\nTERM=xterm\n");
+}
+
+TEST(SetUserId, TheBusKnowsAnAgentByTheUserWhoStartedIt) {
+  if (::getuid() != 0) GTEST_SKIP() << "needs root to give a program to another user";
+  test::PrivateBus bus;
+  const Probe probe("bus_probe");
+  ASSERT_TRUE(probe.makeSetUserIdNobody(0));  // set-user-id root, as the agent is installed
+  // A set-user-id process uses the system's bus whatever its environment says: in a mount
+  // namespace of its own, the private bus takes the system's place.
+  const std::string script =
+      "mount -t tmpfs tmpfs /run/dbus && touch /run/dbus/system_bus_socket && "
+      "mount --bind '" +
+      bus.socketPath() +
+      "' /run/dbus/system_bus_socket || exit 99; "
+      "exec setpriv --reuid=65534 --regid=65534 --clear-groups '" +
+      probe.path().string() + "' whoami";
+  const auto run = test::runProgram(
+      "/usr/bin/unshare", {"--mount", "--propagation", "private", "/bin/sh", "-c", script},
+      test::environmentWithout({}), true);
+  if (run.status == 99 || run.output.starts_with("unshare:"))
+    GTEST_SKIP() << "no mount namespace for the bus: " << run.output;
+  EXPECT_EQ(run.output, "uid 65534\n");
+  EXPECT_EQ(run.status, 0);
 }
 
 }  // namespace

@@ -1,9 +1,33 @@
 #include "platform/ProcessSecurity.h"
 
 #include <sys/auxv.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace vesk {
 
 bool isSetUserIdExecution() { return ::getauxval(AT_SECURE) != 0; }
+
+// The C library's setresuid changes every thread of the process; the system call itself
+// changes only the calling thread, which is what is wanted here. The saved ids stay as they
+// are, so the effective ones can be taken back.
+ActingAsRealUser::ActingAsRealUser() : effectiveUid_(::geteuid()), effectiveGid_(::getegid()) {
+  const gid_t realGid = ::getgid();
+  if (realGid != effectiveGid_) {
+    gidSwitched_ = ::syscall(SYS_setresgid, -1, realGid, -1) == 0;
+    acting_ = gidSwitched_;
+  }
+  const uid_t realUid = ::getuid();
+  if (acting_ && realUid != effectiveUid_) {
+    uidSwitched_ = ::syscall(SYS_setresuid, -1, realUid, -1) == 0;
+    acting_ = uidSwitched_;
+  }
+}
+
+ActingAsRealUser::~ActingAsRealUser() {
+  // The user first: taking the group back may need the effective user's privilege.
+  if (uidSwitched_) (void)::syscall(SYS_setresuid, -1, effectiveUid_, -1);
+  if (gidSwitched_) (void)::syscall(SYS_setresgid, -1, effectiveGid_, -1);
+}
 
 }  // namespace vesk
