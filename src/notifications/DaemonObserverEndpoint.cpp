@@ -4,13 +4,12 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <thread>
 
 #include "foundation/Exception.h"
+#include "foundation/RunLoop.h"
 #include "logging/VKLogging.h"
 #include "notifications/DBusValue.h"
 #include "notifications/SystemBus.h"
-#include "notifications/VESKNotificationCenter.h"
 
 namespace vesk {
 namespace {
@@ -39,6 +38,8 @@ DaemonObserverEndpoint::DaemonObserverEndpoint(std::shared_ptr<SelectorTarget> t
   static std::atomic<unsigned> serial{0};
   path_ = "/com/vesksoftware/vesk/DaemonObserver/" + std::to_string(++serial);
   handle_->endpoint = this;
+  // What GDBus registers from here is served on this thread's loop: it must be its default.
+  RunLoop::current();
 
   std::string why;
   bus_ = systemBus(&why);
@@ -77,13 +78,23 @@ DaemonObserverEndpoint::DaemonObserverEndpoint(std::shared_ptr<SelectorTarget> t
     g_clear_error(&error);
     return;
   }
-  watch_ = g_bus_watch_name_on_connection(
-      bus_, daemonName_.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
-      [](GDBusConnection*, const gchar*, const gchar* owner, gpointer data) {
-        if (DaemonObserverEndpoint* endpoint = Handle::endpointOf(data))
-          endpoint->registerWith(owner);
+  droppedSubscription_ = g_dbus_connection_signal_subscribe(
+      bus_, nullptr, kDaemonCenterInterface, "ObserverDropped", kDaemonCenterPath, nullptr,
+      G_DBUS_SIGNAL_FLAGS_NONE,
+      [](GDBusConnection*, const gchar* sender, const gchar*, const gchar*, const gchar*,
+         GVariant* parameters, gpointer data) {
+        DaemonObserverEndpoint* endpoint = Handle::endpointOf(data);
+        if (endpoint == nullptr || sender == nullptr ||
+            !g_variant_is_of_type(parameters, G_VARIANT_TYPE("(so)")))
+          return;
+        const gchar *name = nullptr, *path = nullptr;
+        g_variant_get(parameters, "(&s&o)", &name, &path);
+        endpoint->dropped(sender, name, path);
       },
-      nullptr, new HandlePtr(handle_), freeHandle);
+      new HandlePtr(handle_), freeHandle);
+  presence_ = std::make_unique<DaemonPresence>(
+      [this](const std::optional<std::string>& owner) { daemonChanged(owner.value_or("")); },
+      daemonName_);
 }
 
 DaemonObserverEndpoint::~DaemonObserverEndpoint() {
@@ -91,7 +102,8 @@ DaemonObserverEndpoint::~DaemonObserverEndpoint() {
     std::lock_guard<std::mutex> hold(handle_->lock);
     handle_->endpoint = nullptr;
   }
-  if (watch_ != 0) g_bus_unwatch_name(watch_);
+  presence_.reset();
+  if (droppedSubscription_ != 0) g_dbus_connection_signal_unsubscribe(bus_, droppedSubscription_);
   if (registration_ != 0) g_dbus_connection_unregister_object(bus_, registration_);
   if (node_ != nullptr) g_dbus_node_info_unref(static_cast<GDBusNodeInfo*>(node_));
   if (bus_ != nullptr) g_object_unref(bus_);
@@ -102,18 +114,86 @@ std::string DaemonObserverEndpoint::registeredOwner() const {
   return registeredOwner_;
 }
 
+void DaemonObserverEndpoint::daemonChanged(const std::string& owner) {
+  {
+    std::lock_guard<std::mutex> hold(lock_);
+    owner_ = owner;
+    if (registeredOwner_ != owner) registeredOwner_.clear();
+  }
+  if (!owner.empty()) registerWith(owner);
+}
+
 void DaemonObserverEndpoint::registerWith(const std::string& owner) {
   {
     std::lock_guard<std::mutex> hold(lock_);
-    if (owner == registeredOwner_) return;
+    // One registration at a time; the one under way looks again when it is answered.
+    if (registering_ || owner != owner_ || registeredOwner_ == owner) return;
+    registering_ = true;
   }
-  try {
-    VESKNotificationCenterProxy(owner).addDaemonObserver(path_, selector_, notificationName_);
+  struct Call {
+    std::shared_ptr<Handle> handle;
+    std::string owner;
+  };
+  // Without waiting: the daemon may be calling this observer, whose loop is this thread's.
+  g_dbus_connection_call(
+      bus_, owner.c_str(), kDaemonCenterPath, kDaemonCenterInterface, "AddDaemonObserver",
+      g_variant_new("(sso)", notificationName_.c_str(), selector_.c_str(), path_.c_str()), nullptr,
+      G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr,
+      [](GObject* source, GAsyncResult* result, gpointer data) {
+        const std::unique_ptr<Call> call(static_cast<Call*>(data));
+        GError* error = nullptr;
+        GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
+        const std::string failure = reply != nullptr   ? ""
+                                    : error != nullptr ? error->message
+                                                       : "no reply";
+        if (reply != nullptr) g_variant_unref(reply);
+        g_clear_error(&error);
+        if (DaemonObserverEndpoint* endpoint = Handle::endpointOf(call->handle))
+          endpoint->registered(call->owner, failure);
+      },
+      new Call{handle_, owner});
+}
+
+void DaemonObserverEndpoint::registered(const std::string& owner, const std::string& failure) {
+  std::string current;
+  bool firstFailure = false;
+  {
     std::lock_guard<std::mutex> hold(lock_);
-    registeredOwner_ = owner;
-  } catch (const Exception& e) {
-    VKLogging::logEventAndPrintVerbose("Unable to register with the daemon: {}", e.reason());
+    registering_ = false;
+    current = owner_;
+    if (failure.empty() && owner == owner_) registeredOwner_ = owner;
+    if (!failure.empty() && owner == owner_) firstFailure = failedOwners_.insert(owner).second;
   }
+  if (firstFailure)
+    VKLogging::logEventAndPrintVerbose("Unable to register with the daemon: {}", failure);
+  if (current.empty()) return;
+  if (current != owner) {
+    registerWith(current);  // the daemon changed meanwhile
+  } else if (!failure.empty()) {
+    // The same daemon refused or did not answer: ask it again a little later.
+    RunLoop::current().performAfterDelay(kRegistrationRetrySeconds, [handle = handle_] {
+      if (DaemonObserverEndpoint* endpoint = Handle::endpointOf(handle))
+        endpoint->registerWith(endpoint->currentOwner());
+    });
+  }
+}
+
+void DaemonObserverEndpoint::dropped(const std::string& sender, const std::string& name,
+                                     const std::string& path) {
+  {
+    std::lock_guard<std::mutex> hold(lock_);
+    // Only the daemon this observer is registered with speaks for its own table.
+    if (sender != registeredOwner_ || name != notificationName_ || path != path_) return;
+    registeredOwner_.clear();
+  }
+  VKLogging::logEventAndPrintVerbose("The daemon dropped observer {} of {}; registering again",
+                                     path, name);
+  registerWith(sender);
+}
+
+std::string DaemonObserverEndpoint::currentOwner() const {
+  std::lock_guard<std::mutex> hold(lock_);
+  return owner_;
 }
 
 bool DaemonObserverEndpoint::mayCall(const std::string& sender, uid_t* uid) {
@@ -149,13 +229,17 @@ void DaemonObserverEndpoint::perform(const std::string& sender, const std::strin
   GVariant* info = g_variant_get_child_value(parameters, 1);
   Dictionary userInfo = dictionaryFromVariant(info);
   g_variant_unref(info);
-  std::thread([target = target_, selector, userInfo = std::move(userInfo)] {
+  const bool queued = requests_.post([target = target_, selector, userInfo = std::move(userInfo)] {
     try {
       target->performSelector(selector, userInfo);
     } catch (const std::exception& e) {
       VKLogging::logEventAndPrintVerbose("Daemon request {} failed: {}", selector, e.what());
+    } catch (...) {
+      VKLogging::logEventAndPrintVerbose("Daemon request {} failed", selector);
     }
-  }).detach();
+  });
+  if (!queued)
+    VKLogging::logEventAndPrintVerbose("Daemon request {} dropped: too many are waiting", selector);
 }
 
 }  // namespace vesk

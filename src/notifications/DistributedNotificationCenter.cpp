@@ -4,14 +4,20 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 
 #include "foundation/RunLoop.h"
 #include "logging/VKLogging.h"
-#include "notifications/BusUsers.h"
 #include "notifications/DBusValue.h"
 #include "notifications/SystemBus.h"
 
 namespace vesk {
+namespace {
+
+// How many senders' verdicts are kept before they are asked again.
+constexpr std::size_t kKnownSendersLimit = 1024;
+
+}  // namespace
 
 struct DistributedNotificationCenter::Observer {
   std::optional<std::string> name;
@@ -41,31 +47,31 @@ DistributedNotificationCenter::ObserverId DistributedNotificationCenter::addObse
   observer->context = g_main_context_ref(RunLoop::current().context());
 
   std::string why;
-  GDBusConnection* bus = systemBus(&why);
-  // Learn who connects from now on, so that a sender that posts and leaves can be checked.
-  if (bus != nullptr) BusUsers::shared().start();
-  if (bus != nullptr) {
+  if (GDBusConnection* bus = systemBus(&why)) {
     observer->bus = static_cast<GDBusConnection*>(g_object_ref(bus));
     struct Data {
       DistributedNotificationCenter* center;
       std::weak_ptr<Observer> observer;
     };
-    // Subscribed from this thread, so GDBus calls back on this thread's run loop.
+    // Subscribed from this thread, so GDBus calls back on this thread's run loop. Both paths
+    // are heard; which one a notification came on decides how its sender is checked.
     observer->subscription = g_dbus_connection_signal_subscribe(
-        bus, nullptr, kDistributedInterface, "Notification", kDistributedPath,
+        bus, nullptr, kDistributedInterface, "Notification", nullptr,
         name ? name->c_str() : nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
-        [](GDBusConnection*, const gchar* sender, const gchar*, const gchar*, const gchar*,
+        [](GDBusConnection*, const gchar* sender, const gchar* path, const gchar*, const gchar*,
            GVariant* parameters, gpointer data) {
           auto* subscription = static_cast<Data*>(data);
           const std::shared_ptr<Observer> observer = subscription->observer.lock();
           if (!observer || !g_variant_is_of_type(parameters, G_VARIANT_TYPE("(ssa{sv})"))) return;
+          const bool rootPath = std::strcmp(path, kDistributedRootPath) == 0;
+          if (!rootPath && std::strcmp(path, kDistributedPath) != 0) return;
           const gchar* name = nullptr;
           const gchar* object = nullptr;
           GVariant* info = nullptr;
           g_variant_get(parameters, "(&s&s@a{sv})", &name, &object, &info);
           const Dictionary userInfo = dictionaryFromVariant(info);
           g_variant_unref(info);
-          subscription->center->received(observer, sender != nullptr ? sender : "", name,
+          subscription->center->received(observer, sender != nullptr ? sender : "", rootPath, name,
                                          objectFromWire(object), userInfo);
         },
         new Data{this, observer}, [](gpointer data) { delete static_cast<Data*>(data); });
@@ -99,15 +105,25 @@ bool DistributedNotificationCenter::postNotificationName(const std::string& name
                                                          const Dictionary& userInfo) {
   std::string why;
   GDBusConnection* bus = systemBus(&why);
-  GError* error = nullptr;
-  if (bus != nullptr && g_dbus_connection_emit_signal(
-                            bus, nullptr, kDistributedPath, kDistributedInterface, "Notification",
-                            g_variant_new("(ss@a{sv})", name.c_str(), object.value_or("").c_str(),
-                                          variantFromDictionary(userInfo)),
-                            &error))
-    return true;
-  if (error != nullptr) why = error->message;
-  g_clear_error(&error);
+  if (bus != nullptr) {
+    GVariant* parameters = g_variant_ref_sink(g_variant_new(
+        "(ss@a{sv})", name.c_str(), object.value_or("").c_str(), variantFromDictionary(userInfo)));
+    const std::size_t size = g_variant_get_size(parameters);
+    GError* error = nullptr;
+    bool sent = false;
+    if (size > kMaxPostBytes) {
+      why = fmt::format("the notification is too large ({} bytes)", size);
+    } else {
+      sent = g_dbus_connection_emit_signal(
+                 bus, nullptr, systemBusIsRoot() ? kDistributedRootPath : kDistributedPath,
+                 kDistributedInterface, "Notification", parameters, &error) &&
+             g_dbus_connection_flush_sync(bus, nullptr, &error);
+      if (error != nullptr) why = error->message;
+      g_clear_error(&error);
+    }
+    g_variant_unref(parameters);
+    if (sent) return true;
+  }
   VKLogging::logEventAndPrintVerbose("Unable to post distributed notification [{}] - {}.", name,
                                      why);
   return false;
@@ -117,7 +133,8 @@ void DistributedNotificationCenter::deliverLocally(const std::string& name,
                                                    const std::optional<std::string>& object,
                                                    const Dictionary& userInfo) {
   std::lock_guard<std::mutex> hold(lock_);
-  for (const auto& [id, observer] : observers_) {
+  for (const auto& entry : observers_) {
+    const std::shared_ptr<Observer>& observer = entry.second;
     if (observer->name && *observer->name != name) continue;
     RunLoop::postTo(observer->context, [observer, name, object, userInfo] {
       if (observer->active) observer->handler(name, object, userInfo);
@@ -126,31 +143,45 @@ void DistributedNotificationCenter::deliverLocally(const std::string& name,
 }
 
 void DistributedNotificationCenter::received(const std::shared_ptr<Observer>& observer,
-                                             const std::string& sender, const std::string& name,
+                                             const std::string& sender, bool fromRootPath,
+                                             const std::string& name,
                                              const std::optional<std::string>& object,
                                              const Dictionary& userInfo) {
-  if (!observer->active || !senderAllowed(sender)) return;
+  if (!observer->active) return;
+  // The bus lets only root send on the root path.
+  if (!fromRootPath && !senderAllowed(sender)) return;
   observer->handler(name, object, userInfo);
 }
 
 bool DistributedNotificationCenter::senderAllowed(const std::string& sender) {
+  const std::uint64_t generation = systemBusGeneration();
   {
     std::lock_guard<std::mutex> hold(lock_);
+    // A connection's user never changes, and unique names are not reused on one bus; but a
+    // new bus starts its names again, so what was learnt of the old one is forgotten.
+    if (sendersGeneration_ != generation || senders_.size() >= kKnownSendersLimit) {
+      senders_.clear();
+      sendersGeneration_ = generation;
+    }
     const auto known = senders_.find(sender);
     if (known != senders_.end()) return known->second;
   }
-  // A connection's user never changes, and unique names are never reused on one bus, so the
-  // answer is kept.
-  const std::optional<uid_t> uid = BusUsers::shared().uidOf(sender);
-  const bool allowed = uid && (*uid == 0 || *uid == ::getuid() || *uid == ::geteuid());
+  GDBusConnection* bus = systemBus();
+  const std::optional<uid_t> found =
+      bus != nullptr ? connectionUnixUser(bus, sender) : std::optional<uid_t>();
+  const long uid = found ? static_cast<long>(*found) : -1L;
+  // The real user: a set-user-id agent is root only in its effective id.
+  const bool allowed = uid == 0 || uid == static_cast<long>(::getuid());
+  bool first = false;
   {
     std::lock_guard<std::mutex> hold(lock_);
     senders_.emplace(sender, allowed);
+    if (!allowed) first = refusedUsers_.insert(uid).second;
   }
-  if (!allowed)
+  if (first)
     VKLogging::logEventAndPrintVerbose(
         "Dropped distributed notifications from {} (uid {}): only root and this user may post",
-        sender, uid ? static_cast<long>(*uid) : -1L);
+        sender, uid);
   return allowed;
 }
 

@@ -18,9 +18,15 @@ typedef struct _GMainContext GMainContext;
 namespace vesk {
 
 // The platform's distributed notifications: a post is a signal on the system bus that every
-// process observing that name receives. Notifications from a sender that is neither root nor
-// this process's own user are dropped (and logged once per sender): no other user steers the
-// agent through them.
+// process observing that name receives. Only root and this process's own (real) user may
+// steer the agent through them; anything else is dropped and logged once per user.
+//
+// A signal does not say who sent it, and asking the bus afterwards fails once a short-lived
+// sender has gone. So root posts on a path of its own that the bus lets no one else send on
+// (kDistributedRootPath, in the client's bus policy): what arrives there is root's without
+// asking. Everyone else posts on the shared path, and the receiver asks the bus who the sender
+// is; a sender that is not root must therefore stay connected until its notifications have
+// been handled.
 //
 // Handlers run on the run loop of the thread that registered them. Any thread may post,
 // register or remove.
@@ -38,7 +44,9 @@ class DistributedNotificationCenter {
   ObserverId addObserver(const std::optional<std::string>& name, Handler handler);
   void removeObserver(ObserverId observer);
 
-  // Emits the notification on the bus; false, logged, when there is no bus.
+  // Emits the notification on the bus (on the root path when the bus knows this process as
+  // root); false, logged, when there is no bus or it is larger than kMaxPostBytes. Once it
+  // returns the bus has it: the process may end at once.
   bool postNotificationName(const std::string& name, const std::optional<std::string>& object,
                             const Dictionary& userInfo = {});
   // Hands a notification straight to this process's observers of its name, without the bus:
@@ -52,14 +60,18 @@ class DistributedNotificationCenter {
   DistributedNotificationCenter() = default;
   // Called on the observer's thread for a signal from the bus.
   void received(const std::shared_ptr<Observer>& observer, const std::string& sender,
-                const std::string& name, const std::optional<std::string>& object,
-                const Dictionary& userInfo);
+                bool fromRootPath, const std::string& name,
+                const std::optional<std::string>& object, const Dictionary& userInfo);
   bool senderAllowed(const std::string& sender);
 
   std::mutex lock_;
   ObserverId nextId_ = 1;                                      // guarded by lock_
   std::map<ObserverId, std::shared_ptr<Observer>> observers_;  // guarded by lock_
+  // What the bus said of each sender on the shared path, for the connection of one
+  // generation; bounded, since every new sender adds one.
+  std::uint64_t sendersGeneration_ = 0;  // guarded by lock_
   std::map<std::string, bool> senders_;  // guarded by lock_: whether each sender may post
+  std::set<long> refusedUsers_;          // guarded by lock_: already logged
 };
 
 }  // namespace vesk

@@ -2,18 +2,25 @@
 
 #include <gio/gio.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstdio>
 
 #include "foundation/Exception.h"
+#include "foundation/RunLoop.h"
+#include "foundation/WorkQueue.h"
 #include "logging/VKLogging.h"
 #include "notifications/DBusValue.h"
 
 namespace vesk {
 namespace {
 
-// Long enough for a daemon that delivers to a few observers; a daemon that does not answer
-// in this time counts as gone.
-constexpr int kCallTimeoutMs = 25000;
+// How long a client's call may wait for the daemon. The daemon answers once its own
+// observers have run; a daemon that takes longer has failed this post, but has not gone.
+std::atomic<int> callTimeoutMs{25000};
+
+// How many posts may wait for the daemon; more than that, and the newest are dropped.
+constexpr std::size_t kMaxWaitingPosts = 10000;
 
 const char* kCenterIntrospection =
     "<node>"
@@ -30,6 +37,9 @@ const char* kCenterIntrospection =
     "  <method name='RemoveDaemonObserver'>"
     "   <arg type='s' name='name' direction='in'/><arg type='o' name='observer' direction='in'/>"
     "  </method>"
+    "  <signal name='ObserverDropped'>"
+    "   <arg type='s' name='name'/><arg type='o' name='observer'/>"
+    "  </signal>"
     " </interface>"
     "</node>";
 
@@ -37,6 +47,12 @@ const char* kCenterIntrospection =
 // the lock makes posts from other threads safe too.
 std::mutex sharedProxyLock;
 VESKNotificationCenter::Proxy sharedProxy;  // guarded by sharedProxyLock
+
+// The thread that takes the client role's posts to the daemon, one after the other.
+WorkQueue& postingQueue() {
+  static WorkQueue* queue = new WorkQueue(1, kMaxWaitingPosts);
+  return *queue;
+}
 
 std::string describeCurrentException() {
   try {
@@ -61,19 +77,57 @@ class VESKNotificationCenter::RemoteObserver : public SelectorTarget {
   // Whether it responds is learnt only by calling: Perform answers it.
   bool respondsToSelector(std::string_view) override { return true; }
 
+  // The call, waiting for its answer; the center itself uses performWithoutWaiting.
   void performSelector(std::string_view selector, const Dictionary& userInfo) override {
     std::string why;
     GDBusConnection* bus = systemBus(&why);
     if (bus == nullptr) throw Exception("NSObjectInaccessibleException", why);
-    GVariant* reply = callSync(
-        bus, owner_, path_.c_str(), kDaemonObserverInterface, "Perform",
-        g_variant_new("(s@a{sv})", std::string(selector).c_str(), variantFromDictionary(userInfo)),
-        "(b)", kCallTimeoutMs, &why);
+    GVariant* reply = callSync(bus, owner_, path_.c_str(), kDaemonObserverInterface, "Perform",
+                               parameters(selector, userInfo), "(b)", callTimeoutMs, &why);
     if (reply == nullptr) throw Exception("NSObjectInaccessibleException", why);
     g_variant_unref(reply);  // an observer that does not respond is skipped, as here
   }
 
+  // Sends the call and returns; `failed` runs on this thread's loop with the reason if the
+  // call fails or is not answered within `timeoutMs`.
+  void performWithoutWaiting(std::string_view selector, const Dictionary& userInfo, int timeoutMs,
+                             std::function<void(const std::string&)> failed) {
+    std::string why;
+    GDBusConnection* bus = systemBus(&why);
+    if (bus == nullptr) {
+      failed(why);
+      return;
+    }
+    using Failed = std::function<void(const std::string&)>;
+    g_dbus_connection_call(
+        bus, owner_.c_str(), path_.c_str(), kDaemonObserverInterface, "Perform",
+        parameters(selector, userInfo), G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NO_AUTO_START,
+        timeoutMs, nullptr,
+        [](GObject* source, GAsyncResult* result, gpointer data) {
+          const std::unique_ptr<Failed> failed(static_cast<Failed*>(data));
+          GError* error = nullptr;
+          GVariant* reply =
+              g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
+          if (reply != nullptr) {
+            g_variant_unref(reply);
+            return;
+          }
+          const std::string why = error != nullptr ? error->message : "no reply";
+          g_clear_error(&error);
+          (*failed)(why);
+        },
+        new Failed(std::move(failed)));
+  }
+
+  const std::string& owner() const { return owner_; }
+  const std::string& path() const { return path_; }
+
  private:
+  static GVariant* parameters(std::string_view selector, const Dictionary& userInfo) {
+    return g_variant_new("(s@a{sv})", std::string(selector).c_str(),
+                         variantFromDictionary(userInfo));
+  }
+
   const std::string owner_;
   const std::string path_;
 };
@@ -83,6 +137,7 @@ struct VESKNotificationCenter::BusExport {
   GDBusConnection* bus = nullptr;
   guint registration = 0;
   GDBusNodeInfo* node = nullptr;
+  GMainContext* context = nullptr;  // the loop that serves the bus: calls to agents go from it
   std::weak_ptr<VESKNotificationCenter> center;
 
   ~BusExport() {
@@ -91,19 +146,50 @@ struct VESKNotificationCenter::BusExport {
   }
 };
 
+// A post of the client role on its way to the posting thread.
+struct VESKNotificationCenter::Post {
+  std::string name;
+  std::optional<std::string> object;
+  Dictionary userInfo;
+  unsigned options = kPostOptions;
+  bool quiet = false;  // the class-level post: one attempt, nothing said
+};
+
 // --- The proxy ---
 
 void VESKNotificationCenterProxy::call(const char* method, GVariant* parameters) {
   std::string why;
   GDBusConnection* bus = systemBus(&why);
+  if (bus != nullptr && systemBusGeneration() != generation_) {
+    bus = nullptr;
+    why = "the daemon was on a bus that has gone";
+  }
   if (bus == nullptr) {
     g_variant_unref(g_variant_ref_sink(parameters));
     throw Exception("NSObjectInaccessibleException", why);
   }
+  g_variant_ref_sink(parameters);
+  const std::size_t size = g_variant_get_size(parameters);
+  if (size > kMaxPostBytes) {
+    g_variant_unref(parameters);
+    throw Exception("NSInvalidArgumentException",
+                    fmt::format("the notification is too large ({} bytes)", size));
+  }
   GVariant* reply = callSync(bus, owner_, kDaemonCenterPath, kDaemonCenterInterface, method,
-                             parameters, "()", kCallTimeoutMs, &why);
+                             parameters, "()", callTimeoutMs, &why);
+  g_variant_unref(parameters);
   if (reply == nullptr) throw Exception("NSObjectInaccessibleException", why);
   g_variant_unref(reply);
+}
+
+bool VESKNotificationCenterProxy::hasGone() const {
+  GDBusConnection* bus = systemBus();
+  return bus == nullptr || systemBusGeneration() != generation_ ||
+         !nameOwner(bus, owner_).has_value();
+}
+
+void VESKNotificationCenterProxy::setCallTimeout(double seconds) {
+  callTimeoutMs = static_cast<int>(seconds * 1000);
 }
 
 void VESKNotificationCenterProxy::postNotificationNameOptions(
@@ -177,18 +263,34 @@ VESKNotificationCenter::Proxy VESKNotificationCenter::defaultCenterForName(
 
 void VESKNotificationCenter::postToDefaultCenter(const std::string& name,
                                                  const std::optional<std::string>& object) {
-  try {
-    if (const Proxy proxy = defaultCenter())
-      proxy->postNotificationNameOptions(name, object, {}, kPostOptions);
-  } catch (...) {
-    // Deliberately silent: callers of the class-level post do not care whether it arrived.
-  }
+  // Deliberately silent: callers of the class-level post do not care whether it arrived.
+  postingQueue().post([post = Post{name, object, {}, kPostOptions, true}] { sendToDaemon(post); });
 }
 
 void VESKNotificationCenter::handleProxyDisconnect() {
   std::lock_guard<std::mutex> hold(sharedProxyLock);
   sharedProxy.reset();
   sharedProxy = centerFromDaemon();
+}
+
+bool VESKNotificationCenter::waitForPosts(double seconds) {
+  return postingQueue().waitUntilIdle(seconds);
+}
+
+std::vector<std::string> VESKNotificationCenter::piecesForPosting(std::string_view text,
+                                                                  std::size_t maxBytes) {
+  std::vector<std::string> pieces;
+  maxBytes = std::max<std::size_t>(maxBytes, 4);  // room for the longest character
+  while (!text.empty()) {
+    std::size_t cut = std::min(maxBytes, text.size());
+    // Back up over continuation bytes, so that a character is never split.
+    while (cut < text.size() && cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80)
+      --cut;
+    if (cut == 0) cut = std::min(maxBytes, text.size());  // not UTF-8: cut where it falls
+    pieces.emplace_back(text.substr(0, cut));
+    text.remove_prefix(cut);
+  }
+  return pieces;
 }
 
 // --- Vending ---
@@ -204,6 +306,7 @@ std::shared_ptr<VESKNotificationCenter> VESKNotificationCenter::prepareVendingMa
 
   auto exported = std::make_unique<BusExport>();
   exported->bus = bus;
+  exported->context = RunLoop::current().context();
   exported->center = weak_from_this();
   exported->node = g_dbus_node_info_new_for_xml(kCenterIntrospection, nullptr);
   static const GDBusInterfaceVTable vtable = {
@@ -256,7 +359,7 @@ void VESKNotificationCenter::handleBusCall(const std::string& sender, const std:
   } else if (method == "AddDaemonObserver") {
     const gchar *name = nullptr, *selector = nullptr, *path = nullptr;
     g_variant_get(parameters, "(&s&s&o)", &name, &selector, &path);
-    addDaemonObserver(remoteObserver(sender, path), selector, name);
+    addRemoteObserver(sender, path, selector, name);
   } else if (method == "RemoveDaemonObserver") {
     const gchar *name = nullptr, *path = nullptr;
     g_variant_get(parameters, "(&s&o)", &name, &path);
@@ -265,12 +368,65 @@ void VESKNotificationCenter::handleBusCall(const std::string& sender, const std:
   g_dbus_method_invocation_return_value(invocation, nullptr);
 }
 
+void VESKNotificationCenter::addRemoteObserver(const std::string& sender, const std::string& path,
+                                               const std::string& selector,
+                                               const std::string& name) {
+  const Observer observer = remoteObserver(sender, path);
+  {
+    // An agent registers once per daemon, and again when it was dropped: never twice.
+    std::lock_guard<std::recursive_mutex> hold(lock_);
+    const auto found = daemonObservers_.find(name);
+    if (found != daemonObservers_.end() &&
+        std::any_of(found->second.begin(), found->second.end(), [&](const Record& record) {
+          return record.daemon == observer && record.selector == selector;
+        }))
+      return;
+  }
+  addDaemonObserver(observer, selector, name);
+  const std::optional<uid_t> uid = connectionUnixUser(objectConnection_->bus, sender);
+  VKLogging::logEvent("Daemon observer {} of {} (uid {}) registered for {}", path, sender,
+                      uid ? static_cast<long>(*uid) : -1L, name);
+}
+
 VESKNotificationCenter::Observer VESKNotificationCenter::remoteObserver(const std::string& sender,
                                                                         const std::string& path) {
   std::lock_guard<std::recursive_mutex> hold(lock_);
   Observer& observer = remoteObservers_[{sender, path}];
   if (!observer) observer = std::make_shared<RemoteObserver>(sender, path);
+  if (!connectionWatches_.contains(sender)) {
+    // A record belongs to its connection: when the agent leaves the bus, its records go too.
+    struct Watch {
+      std::weak_ptr<VESKNotificationCenter> center;
+      std::string sender;
+    };
+    connectionWatches_[sender] = g_bus_watch_name_on_connection(
+        objectConnection_->bus, sender.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE, nullptr,
+        [](GDBusConnection*, const gchar*, gpointer data) {
+          const auto* watch = static_cast<Watch*>(data);
+          if (const auto center = watch->center.lock()) center->forgetConnection(watch->sender);
+        },
+        new Watch{weak_from_this(), sender},
+        [](gpointer data) { delete static_cast<Watch*>(data); });
+  }
   return observer;
+}
+
+void VESKNotificationCenter::forgetConnection(const std::string& sender) {
+  std::lock_guard<std::recursive_mutex> hold(lock_);
+  for (auto& [name, records] : daemonObservers_) {
+    std::erase_if(records, [&](const Record& record) {
+      const auto* remote = dynamic_cast<const RemoteObserver*>(record.daemon.get());
+      return remote != nullptr && remote->owner() == sender;
+    });
+  }
+  std::erase_if(daemonObservers_, [](const auto& entry) { return entry.second.empty(); });
+  std::erase_if(remoteObservers_, [&](const auto& entry) { return entry.first.first == sender; });
+  const auto watch = connectionWatches_.find(sender);
+  if (watch != connectionWatches_.end()) {
+    // Not from inside the watch's own callback, which this may be.
+    RunLoop::postTo(objectConnection_->context, [id = watch->second] { g_bus_unwatch_name(id); });
+    connectionWatches_.erase(watch);
+  }
 }
 
 void VESKNotificationCenter::forgetUnusedRemoteObservers() {
@@ -289,6 +445,27 @@ void VESKNotificationCenter::postNotificationNameOptions(const std::string& name
       notifyObservers(name, object, userInfo);  // options mean nothing to the daemon
       return;
     }
+    if (!postingQueue().post(
+            [post = Post{name, object, userInfo, options, false}] { sendToDaemon(post); }))
+      VKLogging::logEventAndPrintVerbose(
+          "Unable to send notification [{}] - too many notifications are waiting for the "
+          "daemon.",
+          name);
+  } catch (const std::exception& e) {
+    VKLogging::logEventAndPrintVerbose("Unable to send notification [{}] - {}.", name, e.what());
+  }
+}
+
+void VESKNotificationCenter::sendToDaemon(const Post& post) {
+  if (post.quiet) {
+    try {
+      if (const Proxy proxy = defaultCenter())
+        proxy->postNotificationNameOptions(post.name, post.object, {}, post.options);
+    } catch (...) {
+    }
+    return;
+  }
+  try {
     for (int attempt = 0; attempt < 2; ++attempt) {
       Proxy proxy;
       try {
@@ -297,18 +474,28 @@ void VESKNotificationCenter::postNotificationNameOptions(const std::string& name
         proxy = sharedProxy;
         hold.unlock();
         if (!proxy) continue;
-        proxy->postNotificationNameOptions(name, object, userInfo, options);
+        proxy->postNotificationNameOptions(post.name, post.object, post.userInfo, post.options);
         return;
-      } catch (const Exception&) {
-        // Connect afresh on the next attempt, unless another thread did so already.
-        std::lock_guard<std::mutex> hold(sharedProxyLock);
-        if (sharedProxy == proxy) sharedProxy.reset();
+      } catch (const Exception& failure) {
+        {
+          // Connect afresh next time, unless another thread did so already.
+          std::lock_guard<std::mutex> hold(sharedProxyLock);
+          if (sharedProxy == proxy) sharedProxy.reset();
+        }
+        // Only a daemon that has gone is tried again: one that was slow may still deliver
+        // this post, and would deliver it twice.
+        if (proxy && !proxy->hasGone()) {
+          VKLogging::logEventAndPrintVerbose("Unable to send notification [{}] - {}.", post.name,
+                                             failure.reason());
+          return;
+        }
       }
     }
     VKLogging::logEventAndPrintVerbose("Unable to send notification [{}] - daemon not available.",
-                                       name);
+                                       post.name);
   } catch (const std::exception& e) {
-    VKLogging::logEventAndPrintVerbose("Unable to send notification [{}] - {}.", name, e.what());
+    VKLogging::logEventAndPrintVerbose("Unable to send notification [{}] - {}.", post.name,
+                                       e.what());
   }
 }
 
@@ -317,29 +504,33 @@ void VESKNotificationCenter::notifyObservers(const std::string& name,
                                              const Dictionary& userInfo) {
   if (monitor_) monitor_(name, object, userInfo);
   // Observers are called without the lock held, so that one may add or remove observers, or
-  // wait for a thread that does. The walk re-reads the count at every step.
-  for (std::size_t i = 0;; ++i) {
+  // wait for a thread that does. Each step takes the first record registered after the one
+  // called last: records added meanwhile are called too, and one removed meanwhile (by a
+  // failure or by itself) costs the others nothing.
+  std::uint64_t last = 0;
+  while (true) {
     Record record;
     {
       std::lock_guard<std::recursive_mutex> hold(lock_);
       const auto found = daemonObservers_.find(name);
-      if (found == daemonObservers_.end() || i >= found->second.size()) return;
-      record = found->second[i];
+      if (found == daemonObservers_.end()) return;
+      const auto next =
+          std::find_if(found->second.begin(), found->second.end(),
+                       [&](const Record& candidate) { return candidate.serial > last; });
+      if (next == found->second.end()) return;
+      record = *next;
+    }
+    last = record.serial;
+    if (dynamic_cast<RemoteObserver*>(record.daemon.get()) != nullptr) {
+      deliverToRemote(name, record, userInfo);
+      continue;
     }
     try {
       if (!record.daemon->respondsToSelector(record.selector)) continue;
       record.daemon->performSelector(record.selector, userInfo);
     } catch (...) {
       const std::string what = describeCurrentException();
-      {
-        std::lock_guard<std::recursive_mutex> hold(lock_);
-        const auto found = daemonObservers_.find(name);
-        if (found != daemonObservers_.end() && i < found->second.size()) {
-          found->second.erase(found->second.begin() + static_cast<std::ptrdiff_t>(i));
-          --i;  // the record that moved into its place is not skipped (wraps, then ++ gives i)
-        }
-      }
-      forgetUnusedRemoteObservers();
+      dropRecord(name, record.serial);
       // clang-format off
       VKLogging::logEventAndPrintVerbose("Exception thrown while trying to send a message to a daemon observer for notification {}: {}", name, what);
       // clang-format on
@@ -347,12 +538,52 @@ void VESKNotificationCenter::notifyObservers(const std::string& name,
   }
 }
 
+void VESKNotificationCenter::deliverToRemote(const std::string& name, const Record& record,
+                                             const Dictionary& userInfo) {
+  // From the loop that serves the bus, whatever thread posted: that is where the answers come.
+  RunLoop::postTo(objectConnection_->context, [weak = weak_from_this(), name, record, userInfo] {
+    const auto center = weak.lock();
+    if (!center) return;
+    auto* remote = static_cast<RemoteObserver*>(record.daemon.get());
+    remote->performWithoutWaiting(
+        record.selector, userInfo, center->observerTimeoutMs_,
+        [weak, name, serial = record.serial, owner = remote->owner(),
+         path = remote->path()](const std::string& why) {
+          const auto center = weak.lock();
+          // Said once, however many calls to it were under way when it failed.
+          if (!center || !center->dropRecord(name, serial)) return;
+          // clang-format off
+          VKLogging::logEventAndPrintVerbose("Exception thrown while trying to send a message to a daemon observer for notification {}: {}", name, why);
+          // clang-format on
+          // Tell the agent, which registers again if it is still there (it may only have
+          // been slow).
+          g_dbus_connection_emit_signal(center->objectConnection_->bus, owner.c_str(),
+                                        kDaemonCenterPath, kDaemonCenterInterface,
+                                        "ObserverDropped",
+                                        g_variant_new("(so)", name.c_str(), path.c_str()), nullptr);
+        });
+  });
+}
+
+bool VESKNotificationCenter::dropRecord(const std::string& name, std::uint64_t serial) {
+  bool dropped = false;
+  {
+    std::lock_guard<std::recursive_mutex> hold(lock_);
+    const auto found = daemonObservers_.find(name);
+    if (found != daemonObservers_.end())
+      dropped = std::erase_if(found->second,
+                              [&](const Record& record) { return record.serial == serial; }) > 0;
+  }
+  forgetUnusedRemoteObservers();
+  return dropped;
+}
+
 void VESKNotificationCenter::addDaemonObserver(const Observer& observer,
                                                const std::string& selector,
                                                const std::string& name) {
   if (!observer) return;
   std::lock_guard<std::recursive_mutex> hold(lock_);
-  daemonObservers_[name].push_back(Record{observer, selector});
+  daemonObservers_[name].push_back(Record{observer, selector, nextSerial_++});
 }
 
 void VESKNotificationCenter::removeDaemonObserver(const Observer& observer,

@@ -3,7 +3,7 @@
 //
 //   bus_caller own NAME                       ask for a name
 //   bus_caller perform DEST PATH SELECTOR     call an observer's Perform
-//   bus_caller notify NAME COUNT              post a distributed notification COUNT times
+//   bus_caller notify NAME COUNT [PATH]       post a distributed notification COUNT times
 //
 // Prints "ok" or the bus's error; exit status 0 or 1.
 
@@ -32,14 +32,14 @@ int main(int argc, char** argv) {
         g_variant_new("(sa{sv})", argv[4], &empty), G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE,
         5000, nullptr, &error);
   }
-  if (bus != nullptr && what == "notify" && argc == 4) {
+  if (bus != nullptr && what == "notify" && (argc == 4 || argc == 5)) {
+    const char* path = argc == 5 ? argv[4] : "/com/vesksoftware/DistributedNotificationCenter";
     GVariantBuilder empty;
     for (int i = 0; i < std::atoi(argv[3]); ++i) {
       g_variant_builder_init(&empty, G_VARIANT_TYPE("a{sv}"));
-      g_dbus_connection_emit_signal(bus, nullptr, "/com/vesksoftware/DistributedNotificationCenter",
-                                    "com.vesksoftware.DistributedNotificationCenter",
-                                    "Notification", g_variant_new("(ssa{sv})", argv[2], "", &empty),
-                                    &error);
+      g_dbus_connection_emit_signal(
+          bus, nullptr, path, "com.vesksoftware.DistributedNotificationCenter", "Notification",
+          g_variant_new("(ssa{sv})", argv[2], "", &empty), &error);
     }
     g_dbus_connection_flush_sync(bus, nullptr, nullptr);
     reply = g_variant_ref_sink(g_variant_new("()"));

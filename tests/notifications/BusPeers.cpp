@@ -25,6 +25,16 @@ std::unique_ptr<ChildProcess> startProgram(const std::string& path,
   return child;
 }
 
+bool waitForOutput(ChildProcess& child, std::string& output, const std::string& text,
+                   double seconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (output.find(text) == std::string::npos) {
+    if (std::chrono::steady_clock::now() > deadline || !child.readOutputFor(output, 100))
+      return output.find(text) != std::string::npos;
+  }
+  return true;
+}
+
 std::vector<std::string> asNobody(const std::string& path) {
   return {"--reuid=65534", "--regid=65534", "--clear-groups", "--", path};
 }

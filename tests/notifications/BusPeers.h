@@ -22,6 +22,7 @@ class ServingDaemon {
   // The next line it printed; "" when none came within ten seconds or it ended.
   std::string nextLine();
   void stop();
+  ChildProcess& process() { return *child_; }
   const std::string& owner() const { return owner_; }
 
  private:
@@ -38,6 +39,11 @@ class ServingDaemon {
 // meanwhile (a program that posts may need this process to answer it).
 std::unique_ptr<ChildProcess> startProgram(const std::string& path,
                                            const std::vector<std::string>& arguments);
+
+// Reads what `child` prints until it has printed `text` (kept in `output`); false when it
+// ended or `seconds` passed first.
+bool waitForOutput(ChildProcess& child, std::string& output, const std::string& text,
+                   double seconds = 10);
 
 // setpriv's arguments that run a program as nobody.
 std::vector<std::string> asNobody(const std::string& path);

@@ -1,7 +1,9 @@
+#include <fmt/format.h>
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <future>
 #include <thread>
 
 #include "foundation/Paths.h"
@@ -11,6 +13,7 @@
 #include "notifications/BusPeers.h"
 #include "notifications/DBusValue.h"
 #include "notifications/DaemonObserverEndpoint.h"
+#include "notifications/DaemonPresence.h"
 #include "notifications/Observers.h"
 #include "notifications/VESKNotificationCenter.h"
 
@@ -71,6 +74,7 @@ TEST_F(Channel, ReachesARestartedDaemonOnTheSecondAttemptAndSaysOnceWhenThereIsN
   EXPECT_EQ(log(), "");
 
   client.postNotificationName("lost", std::nullopt);
+  ASSERT_TRUE(VESKNotificationCenter::waitForPosts(10));
   EXPECT_EQ(count(log(), "Unable to send notification [lost] - daemon not available.\n"), 1u);
   EXPECT_EQ(count(log(), "\n"), 1u);
   {
@@ -81,6 +85,7 @@ TEST_F(Channel, ReachesARestartedDaemonOnTheSecondAttemptAndSaysOnceWhenThereIsN
 
   // The class-level post is silent; an unowned name gives no handle and no message.
   VESKNotificationCenter::postToDefaultCenter("quiet", std::nullopt);
+  ASSERT_TRUE(VESKNotificationCenter::waitForPosts(10));
   EXPECT_EQ(VESKNotificationCenter::centerFromDaemonWithName("com.example.nobody"), nullptr);
   EXPECT_EQ(count(log(), "\n"), 1u);
 }
@@ -97,6 +102,7 @@ TEST_F(Channel, KeepsTheFirstHandleWhateverNameIsAskedForLater) {
 TEST_F(Channel, SaysWhyWhenThereIsNoBusAtAll) {
   ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/socket", 1);
   VESKNotificationCenter().postNotificationName("nowhere", std::nullopt);
+  ASSERT_TRUE(VESKNotificationCenter::waitForPosts(10));
   const std::string lines = log();
   EXPECT_EQ(count(lines, "centerFromDaemonWithName failed: "), 2u) << lines;
   EXPECT_EQ(count(lines, "Unable to send notification [nowhere] - daemon not available.\n"), 1u);
@@ -110,6 +116,10 @@ TEST_F(Channel, DeliversToAnAgentsObserverOnceForEachDaemonItRegistersWith) {
   RunLoop& loop = RunLoop::current();
   auto target = std::make_shared<RecordingObserver>("agent", "requestEvent:");
   auto daemon = std::make_unique<ServingDaemon>();
+  const std::string first = daemon->owner();
+  std::vector<std::optional<std::string>> owners;
+  DaemonPresence presence(
+      [&](const std::optional<std::string>& owner) { owners.push_back(owner); });
   DaemonObserverEndpoint endpoint(
       target, "requestEvent:", "com.vesksoftware.vesk.veskAgentRequestEvent", kDaemonCenterName);
   ASSERT_TRUE(endpoint.isExported());
@@ -136,6 +146,151 @@ TEST_F(Channel, DeliversToAnAgentsObserverOnceForEachDaemonItRegistersWith) {
   EXPECT_EQ(target->asked.load(), 2);  // registered once with the new daemon, not twice
   ASSERT_TRUE(test::pollUntil([&] { return target->calls().size() == 2; }));
   EXPECT_EQ(target->calls()[1], "agent:Kill");
+  // Whoever watches the daemon hears it go and its successor come.
+  EXPECT_EQ(owners,
+            (std::vector<std::optional<std::string>>{first, std::nullopt, daemon->owner()}));
+}
+
+// An observer that posts while it serves the daemon: from the loop that answers the daemon's
+// call (which must not wait for the daemon, who is waiting for it) and from the request.
+class PostingObserver : public RecordingObserver {
+ public:
+  using RecordingObserver::RecordingObserver;
+  bool respondsToSelector(std::string_view selector) override {
+    VESKNotificationCenter().postNotificationName("answer", std::nullopt,
+                                                  {{"k", Value("from the loop")}});
+    return RecordingObserver::respondsToSelector(selector);
+  }
+  void performSelector(std::string_view selector, const Dictionary& userInfo) override {
+    RecordingObserver::performSelector(selector, userInfo);
+    VESKNotificationCenter().postNotificationName("answer", std::nullopt,
+                                                  {{"k", Value("from the request")}});
+  }
+};
+
+TEST_F(Channel, PostsWhileServingARequestGoOutAtOnceAndInOrder) {
+  ServingDaemon daemon;
+  auto target = std::make_shared<PostingObserver>("agent", "requestEvent:");
+  DaemonObserverEndpoint endpoint(target, "requestEvent:", "request", kDaemonCenterName);
+  RunLoop& loop = RunLoop::current();
+  ASSERT_TRUE(
+      loop.runUntilCondition([&] { return endpoint.registeredOwner() == daemon.owner(); }, 10));
+  auto poster = test::startProgram(VESK_CENTER_TOOL, {"post", "request", "k=go"});
+  ASSERT_TRUE(test::pollUntil([&] { return target->calls().size() == 1; }));
+  EXPECT_EQ(daemon.nextLine(), "{\"name\":\"request\",\"userInfo\":{\"k\":\"go\"}}");
+  EXPECT_EQ(daemon.nextLine(), "{\"name\":\"answer\",\"userInfo\":{\"k\":\"from the loop\"}}");
+  EXPECT_EQ(daemon.nextLine(), "{\"name\":\"answer\",\"userInfo\":{\"k\":\"from the request\"}}");
+  EXPECT_EQ(poster->waitUntilExit(), 0);
+}
+
+TEST_F(Channel, AnObserverMadeOnAWorkerThreadIsRegisteredAndServedThere) {
+  ServingDaemon daemon;
+  auto target = std::make_shared<RecordingObserver>("worker", "requestEvent:");
+  bool served = false;
+  std::thread worker([&] {  // this thread's own loop does not run meanwhile
+    DaemonObserverEndpoint endpoint(target, "requestEvent:", "request", kDaemonCenterName);
+    RunLoop& loop = RunLoop::current();
+    if (!loop.runUntilCondition([&] { return endpoint.registeredOwner() == daemon.owner(); }, 10))
+      return;
+    auto poster = test::startProgram(VESK_CENTER_TOOL, {"post", "request", "k=1"});
+    served = test::pollUntil([&] { return target->calls().size() == 1; });
+    poster->waitUntilExit();
+  });
+  worker.join();
+  EXPECT_TRUE(served);
+  EXPECT_EQ(target->threads().size(), 1u);
+}
+
+TEST_F(Channel, APostNeverWaitsForTheDaemonAndASlowDaemonGetsItOnce) {
+  ServingDaemon daemon;
+  VESKNotificationCenter client;
+  // A daemon that does not answer: the post is taken at once all the same.
+  daemon.process().suspend();
+  std::promise<void> posted;
+  auto resume = std::async(std::launch::async, [&, done = posted.get_future()] {
+    const bool atOnce = done.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    daemon.process().resume();
+    return atOnce;
+  });
+  client.postNotificationName("early", std::nullopt);
+  posted.set_value();
+  EXPECT_TRUE(resume.get()) << "the post waited for the daemon";
+  ASSERT_TRUE(VESKNotificationCenter::waitForPosts(30));
+
+  // One that answers too late has the post, and gets no second copy of it.
+  VESKNotificationCenterProxy::setCallTimeout(0.5);
+  daemon.process().suspend();
+  client.postNotificationName("once", std::nullopt);
+  ASSERT_TRUE(VESKNotificationCenter::waitForPosts(10));
+  daemon.process().resume();
+  client.postNotificationName("sentinel", std::nullopt);
+  for (const char* name : {"early", "once", "sentinel"})
+    EXPECT_EQ(daemon.nextLine(), fmt::format("{{\"name\":\"{}\",\"userInfo\":{{}}}}", name));
+  EXPECT_EQ(count(log(), "Unable to send notification [once] - Timeout was reached.\n"), 1u)
+      << log();
+}
+
+TEST_F(Channel, AnObserverThatNeverAnswersHoldsUpNoPost) {
+  ServingDaemon daemon;
+  auto stalled = test::startProgram(VESK_HELPERS_DIR "/bus_probe", {"observe", "request", "stall"});
+  std::string said;
+  ASSERT_TRUE(test::waitForOutput(*stalled, said, "registered\n")) << said;
+  const auto proxy = VESKNotificationCenter::centerFromDaemon();
+  ASSERT_NE(proxy, nullptr);
+  // Five posts that each wait for the daemon's answer, which waits for no agent.
+  auto posts = std::async(std::launch::async, [&] {
+    for (int i = 0; i < 5; ++i) proxy->postNotificationNameOptions("request", std::nullopt, {}, 3);
+  });
+  EXPECT_EQ(posts.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  for (int i = 0; i < 5; ++i)
+    EXPECT_EQ(daemon.nextLine(), "{\"name\":\"request\",\"userInfo\":{}}");
+  stalled->terminate();
+}
+
+TEST_F(Channel, AnAgentDroppedForAnsweringLateRegistersAgainAndLeavesWithItsConnection) {
+  auto center = VESKNotificationCenter::initForDaemonWithName(kDaemonCenterName);
+  center->setObserverTimeout(0.5);
+  center->prepareVendingMachine();
+  ASSERT_TRUE(center->isVended());
+  auto agent =
+      test::startProgram(VESK_HELPERS_DIR "/bus_probe", {"observe", "request", "stall-once"});
+  RunLoop& loop = RunLoop::current();
+  auto records = [&] { return center->observersForName("request").size(); };
+  ASSERT_TRUE(loop.runUntilCondition([&] { return records() == 1; }, 10));
+
+  center->postNotificationName("request", std::nullopt, {{"k", Value("late")}});
+  ASSERT_TRUE(loop.runUntilCondition([&] { return records() == 0; }, 10)) << "never dropped";
+  ASSERT_TRUE(loop.runUntilCondition([&] { return records() == 1; }, 10)) << "never came back";
+  center->postNotificationName("request", std::nullopt, {{"k", Value("again")}});
+  std::string said;  // read while this loop, which calls the agent, runs
+  EXPECT_TRUE(loop.runUntilCondition(
+      [&] {
+        agent->readOutputFor(said, 0);
+        return said.find("performed again\n") != std::string::npos;
+      },
+      10))
+      << said;
+  EXPECT_EQ(count(said, "registered\n"), 2u) << said;
+  EXPECT_EQ(count(log(),
+                  "Exception thrown while trying to send a message to a daemon observer "
+                  "for notification request: Timeout was reached\n"),
+            1u)
+      << log();
+
+  agent->terminate();
+  EXPECT_TRUE(loop.runUntilCondition([&] { return records() == 0; }, 10));
+}
+
+TEST_F(Channel, EveryoneEndsWhenTheBusGoesAwaySoThatTheirSupervisorStartsThemAfresh) {
+  ServingDaemon daemon;
+  auto agent = test::startProgram(VESK_HELPERS_DIR "/bus_probe", {"observe", "request"});
+  std::string said;
+  ASSERT_TRUE(test::waitForOutput(*agent, said, "registered\n")) << said;
+  bus_.restart();
+  for (ChildProcess* process : {&daemon.process(), agent.get()}) {
+    ASSERT_TRUE(test::pollUntil([&] { return !process->isRunning(); }));
+    EXPECT_EQ(process->terminationStatus(), kSystemBusLostStatus);
+  }
 }
 
 TEST_F(Channel, DropsAnAgentsObserverThatCanNoLongerBeCalled) {
@@ -216,6 +371,13 @@ TEST_F(Channel, SurvivesWhatAPeerMaySendIt) {
   const std::string line = daemon.nextLine();
   EXPECT_EQ(line.rfind("{\"name\":\"many\"", 0), 0u);
   EXPECT_NE(line.find("\"key9999\":9999"), std::string::npos);
+
+  // A post the bus would refuse, dropping the connection with it, is never sent.
+  VESKNotificationCenter().postNotificationName("huge", std::nullopt,
+                                                {{"blob", Value(Data(kMaxPostBytes, 'x'))}});
+  ASSERT_TRUE(VESKNotificationCenter::waitForPosts(10));
+  EXPECT_EQ(count(log(), "Unable to send notification [huge] - the notification is too large ("),
+            1u);
 
   Dictionary deep{{"leaf", Value("x")}};
   for (int i = 0; i < 20; ++i) deep = Dictionary{{"d", Value(deep)}};

@@ -98,9 +98,35 @@ TEST_F(DaemonCenter, LetsAnObserverLeaveDuringDelivery) {
   center_->postNotificationName("event", std::nullopt, {{"k", Value("x")}});
   center_->postNotificationName("event", std::nullopt, {{"k", Value("y")}});
   EXPECT_EQ(leaving->calls(), std::vector<std::string>{"leaving:x"});
-  // The walk re-reads the count but steps back only after a failure: the observer that moved
-  // into the leaver's place is passed over on that post.
-  EXPECT_EQ(after->calls(), (std::vector<std::string>{"after:y"}));
+  // The observer that moved into the leaver's place still gets the post.
+  EXPECT_EQ(after->calls(), (std::vector<std::string>{"after:x", "after:y"}));
+}
+
+TEST(PostPieces, CutLongTextBetweenCharactersOnly) {
+  struct Case {
+    std::string text;
+    std::size_t maxBytes;
+    std::vector<std::string> pieces;
+  };
+  for (const Case& c : std::vector<Case>{
+           {"", 4, {}},
+           {"abcdef", 4, {"abcd", "ef"}},
+           {"aaa\u00e9b", 4, {"aaa", "\u00e9b"}},  // é is two bytes: not split
+           {"\U0001F600\U0001F600", 5, {"\U0001F600", "\U0001F600"}},
+           {"abc", 1, {"abc"}},  // never below one character
+           {std::string("\xff\xfe\xfd\xfc\xfb", 5), 4, {"\xff\xfe\xfd\xfc", "\xfb"}}}) {
+    EXPECT_EQ(VESKNotificationCenter::piecesForPosting(c.text, c.maxBytes), c.pieces) << c.text;
+  }
+  std::string output;
+  for (int i = 0; i < 50000; ++i) output += "line \u00e9\n";
+  const auto pieces = VESKNotificationCenter::piecesForPosting(output);
+  std::string joined;
+  for (const std::string& piece : pieces) {
+    EXPECT_LE(piece.size(), VESKNotificationCenter::kPostPieceBytes);
+    joined += piece;
+  }
+  EXPECT_EQ(joined, output);
+  EXPECT_EQ(pieces.size(), output.size() / VESKNotificationCenter::kPostPieceBytes + 1);
 }
 
 }  // namespace
