@@ -2,13 +2,16 @@
 # make test-asan  the same under AddressSanitizer and UndefinedBehaviorSanitizer
 # make run        build and show the program at work
 # make bench      build and run the benchmarks in bench/
+# make fuzz       build the fuzz targets in fuzz/ with clang and run each for FUZZ_SECONDS
 
 BUILD      := build
 ASAN_BUILD := build-asan
 BENCH_BUILD:= build-bench
+FUZZ_BUILD := build-fuzz
+FUZZ_SECONDS ?= 60
 CMAKE_GEN  := -G Ninja
 
-.PHONY: all deps build test test-asan run bench format clean
+.PHONY: all deps build test test-asan run bench fuzz format clean
 
 all: build
 
@@ -39,8 +42,13 @@ bench: deps
 	@cmake --build $(BENCH_BUILD) -j2
 	@for b in $(BENCH_BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
 
+fuzz: deps
+	@CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVESK_FUZZ=ON -DVESK_BUILD_TESTS=OFF >/dev/null
+	@cmake --build $(FUZZ_BUILD) -j2
+	@scripts/fuzz $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
 format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD) $(FUZZ_BUILD)
