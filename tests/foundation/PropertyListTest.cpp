@@ -81,29 +81,24 @@ std::string fromHex(std::string_view hex) {
   return bytes;
 }
 
-// Binary property lists of `count` arrays, each holding a reference to the next (nested) or
-// two to the next (shared, standing for 2^count values), the innermost empty.
-std::string binaryArrays(std::size_t count, bool shared) {
-  std::string out = "bplist00";
-  std::vector<std::uint32_t> offsets;
-  auto be32 = [&](std::uint64_t v) {
-    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<char>(v >> shift));
+// `count` arrays in the binary form, each holding one reference to the next (nested) or two
+// (shared: standing for 2^count values); 4-byte offsets and references.
+std::string binaryArrays(std::uint32_t count, bool shared) {
+  std::string objects, table;
+  auto be32 = [](std::string& to, std::uint32_t v) {
+    for (int shift = 24; shift >= 0; shift -= 8) to.push_back(static_cast<char>(v >> shift));
   };
-  for (std::size_t i = 0; i < count; ++i) {
-    offsets.push_back(static_cast<std::uint32_t>(out.size()));
-    const bool last = i + 1 == count;
-    out.push_back(static_cast<char>(last ? 0xA0 : shared ? 0xA2 : 0xA1));
-    for (int ref = 0; !last && ref < (shared ? 2 : 1); ++ref) be32(i + 1);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    be32(table, static_cast<std::uint32_t>(8 + objects.size()));
+    objects.push_back(static_cast<char>(i + 1 == count ? 0xA0 : shared ? 0xA2 : 0xA1));
+    for (int ref = 0; i + 1 < count && ref < (shared ? 2 : 1); ++ref) be32(objects, i + 1);
   }
-  const std::size_t table = out.size();
-  for (const std::uint32_t offset : offsets) be32(offset);
-  out.append(6, '\0');
-  out += "\x04\x04";
-  for (const std::uint64_t v : {std::uint64_t{count}, std::uint64_t{0}, std::uint64_t{table}}) {
-    be32(v >> 32);
-    be32(v & 0xffffffff);
-  }
-  return out;
+  std::string trailer(6, '\0');
+  trailer += "\x04\x04";
+  for (const std::uint32_t v :
+       {0u, count, 0u, 0u, 0u, static_cast<std::uint32_t>(8 + objects.size())})
+    be32(trailer, v);
+  return "bplist00" + objects + table + trailer;
 }
 
 std::string xmlArrays(std::size_t count) {
@@ -126,6 +121,7 @@ TEST(PropertyList, RefusesWhatIsNotAPropertyList) {
                    "0000000000000000000000000010"),
            // Nesting beyond the limit in every form, and references that expand without end.
            xmlArrays(50000), binaryArrays(50000, false), binaryArrays(40, true),
+           xmlArrays(kMaxPropertyListDepth + 1), binaryArrays(kMaxPropertyListDepth + 1, false),
            binaryArrays(513, false).substr(0, 100)}) {
     Error error;
     EXPECT_TRUE(propertyListFromBytes(bad, &error).isNil()) << bad.substr(0, 40);
@@ -136,15 +132,12 @@ TEST(PropertyList, RefusesWhatIsNotAPropertyList) {
 TEST(PropertyList, ReadsNestingUpToTheLimitInEveryForm) {
   Value nested = Value(Array{});
   for (int i = 1; i < kMaxPropertyListDepth; ++i) nested = Value(Array{nested});
-  EXPECT_EQ(propertyListFromBytes(xmlArrays(kMaxPropertyListDepth)), nested);
-  EXPECT_EQ(propertyListFromBytes(binaryArrays(kMaxPropertyListDepth, false)), nested);
-  EXPECT_EQ(propertyListFromBytes(nested.description()), nested);
-  EXPECT_TRUE(propertyListFromBytes(xmlArrays(kMaxPropertyListDepth + 1)).isNil());
-  EXPECT_TRUE(propertyListFromBytes(binaryArrays(kMaxPropertyListDepth + 1, false)).isNil());
-  // Shared references are read once per place they appear, within the limit.
-  const Value shared = propertyListFromBytes(binaryArrays(12, true));
-  ASSERT_FALSE(shared.isNil());
-  EXPECT_EQ((*shared.array())[0], (*shared.array())[1]);
+  for (const std::string& form : {xmlArrays(kMaxPropertyListDepth), nested.description(),
+                                  binaryArrays(kMaxPropertyListDepth, false)})
+    EXPECT_EQ(propertyListFromBytes(form), nested);
+  const Value shared = propertyListFromBytes(binaryArrays(12, true));  // read once per place
+  ASSERT_TRUE(shared.isArray());
+  EXPECT_EQ(shared, Value(Array{(*shared.array())[1], (*shared.array())[0]}));
 }
 
 TEST(PropertyList, WritesAtomicallyAndKeepsAnExistingMode) {

@@ -1,11 +1,9 @@
 // The client's side of the channel in a process of its own, for the tests.
-//
-//   bus_probe whoami                       print the uid the bus knows this process by
+//   bus_probe whoami    print the uid the bus knows this process by
 //   bus_probe observe NAME [stall|stall-once]
-//       observe NAME at the daemon as an agent does, ending when the bus goes away as the
-//       agent does; print "registered" at each registration and "performed K" for each
-//       request (K: its userInfo's "k"). With stall the loop that answers the daemon never
-//       answers; with stall-once it stops for two seconds at the first request.
+//       observe NAME as an agent does, ending when the bus goes away; print "registered" at
+//       each registration and "performed K" per request (K: its "k"). The loop that answers
+//       the daemon stops for good (stall) or for two seconds at the first request.
 
 #include <gio/gio.h>
 #include <unistd.h>

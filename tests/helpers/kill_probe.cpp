@@ -1,9 +1,7 @@
-// Hands the enforcer launch records whose pid names no process it may end, with the machine's
-// real process table, a restricted entry that kills, and a process of its own group beside it.
-// Run in a session of its own and as an unprivileged user: a kill of pid 0 would end this
-// program's group, one of -1 every process of that user, the sleeping one included.
-//
-// Prints "alive" once every record has been handled; exit status 0.
+// Hands the enforcer, with the real process table, launch records of a killing entry whose pid
+// names no process it may end. Run as an unprivileged user, in a session of its own: a kill of
+// 0 would end this group, of -1 every process of the user, the sleeping child included.
+// Prints "alive" when every record has been handled.
 
 #include <sys/wait.h>
 #include <unistd.h>

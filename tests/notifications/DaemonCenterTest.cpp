@@ -103,30 +103,15 @@ TEST_F(DaemonCenter, LetsAnObserverLeaveDuringDelivery) {
 }
 
 TEST(PostPieces, CutLongTextBetweenCharactersOnly) {
-  struct Case {
-    std::string text;
-    std::size_t maxBytes;
-    std::vector<std::string> pieces;
+  using Pieces = std::vector<std::string>;
+  const auto pieces = [](std::string_view text, std::size_t size) {
+    return VESKNotificationCenter::piecesForPosting(text, size);
   };
-  for (const Case& c : std::vector<Case>{
-           {"", 4, {}},
-           {"abcdef", 4, {"abcd", "ef"}},
-           {"aaa\u00e9b", 4, {"aaa", "\u00e9b"}},  // é is two bytes: not split
-           {"\U0001F600\U0001F600", 5, {"\U0001F600", "\U0001F600"}},
-           {"abc", 1, {"abc"}},  // never below one character
-           {std::string("\xff\xfe\xfd\xfc\xfb", 5), 4, {"\xff\xfe\xfd\xfc", "\xfb"}}}) {
-    EXPECT_EQ(VESKNotificationCenter::piecesForPosting(c.text, c.maxBytes), c.pieces) << c.text;
-  }
-  std::string output;
-  for (int i = 0; i < 50000; ++i) output += "line \u00e9\n";
-  const auto pieces = VESKNotificationCenter::piecesForPosting(output);
-  std::string joined;
-  for (const std::string& piece : pieces) {
-    EXPECT_LE(piece.size(), VESKNotificationCenter::kPostPieceBytes);
-    joined += piece;
-  }
-  EXPECT_EQ(joined, output);
-  EXPECT_EQ(pieces.size(), output.size() / VESKNotificationCenter::kPostPieceBytes + 1);
+  EXPECT_EQ(pieces("", 4), Pieces{});
+  EXPECT_EQ(pieces("abcdef", 4), (Pieces{"abcd", "ef"}));
+  EXPECT_EQ(pieces("aaa\u00e9b", 4), (Pieces{"aaa", "\u00e9b"}));  // é: two bytes, kept whole
+  EXPECT_EQ(pieces("\U0001F600\U0001F600", 5), (Pieces{"\U0001F600", "\U0001F600"}));
+  EXPECT_EQ(pieces("\xff\xfe\xfd\xfc\xfb", 4), (Pieces{"\xff\xfe\xfd\xfc", "\xfb"}));  // not UTF-8
 }
 
 }  // namespace

@@ -121,14 +121,10 @@ TEST_F(Distributed, TakesEveryNotificationOfShortLivedRootSendersInOrder) {
   center_.addObserver("from.root",
                       [&](const std::string&, const std::optional<std::string>&,
                           const Dictionary& info) { numbers.push_back(info["i"].stringValue()); });
-  std::vector<std::string> expected;
-  for (int i = 0; i < 20; ++i) {
-    notify({"from.root", "i=" + std::to_string(i)});  // a process that posts and ends at once
-    expected.push_back(std::to_string(i));
-  }
+  for (int i = 0; i < 20; ++i) notify({"from.root", "i=" + std::to_string(i)});  // and ends
   ASSERT_TRUE(RunLoop::current().runUntilCondition([&] { return numbers.size() == 20; }, 10))
       << numbers.size();
-  EXPECT_EQ(numbers, expected);
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(numbers[i], std::to_string(i));
   EXPECT_FALSE(center_.postNotificationName("huge", std::nullopt,
                                             {{"blob", Value(Data(kMaxPostBytes, 'x'))}}));
 }
