@@ -39,7 +39,7 @@ DaemonObserverEndpoint::DaemonObserverEndpoint(std::shared_ptr<SelectorTarget> t
   path_ = "/com/vesksoftware/vesk/DaemonObserver/" + std::to_string(++serial);
   handle_->endpoint = this;
   // What GDBus registers from here is served on this thread's loop: it must be its default.
-  RunLoop::current();
+  context_ = RunLoop::current().context();
 
   std::string why;
   bus_ = systemBus(&why);
@@ -68,11 +68,18 @@ DaemonObserverEndpoint::DaemonObserverEndpoint(std::shared_ptr<SelectorTarget> t
       nullptr,
       nullptr,
       {nullptr}};
-  auto freeHandle = [](gpointer data) { delete static_cast<HandlePtr*>(data); };
+  auto freeHandle = [](gpointer data) {
+    auto* held = static_cast<HandlePtr*>(data);
+    --(*held)->heldByBus;
+    delete held;
+  };
+  auto hold = [this] {
+    ++handle_->heldByBus;
+    return new HandlePtr(handle_);
+  };
   GError* error = nullptr;
-  registration_ =
-      g_dbus_connection_register_object(bus_, path_.c_str(), node->interfaces[0], &vtable,
-                                        new HandlePtr(handle_), freeHandle, &error);
+  registration_ = g_dbus_connection_register_object(bus_, path_.c_str(), node->interfaces[0],
+                                                    &vtable, hold(), freeHandle, &error);
   if (registration_ == 0) {
     VKLogging::logEventAndPrintVerbose("Unable to observe the daemon: {}", error->message);
     g_clear_error(&error);
@@ -91,7 +98,7 @@ DaemonObserverEndpoint::DaemonObserverEndpoint(std::shared_ptr<SelectorTarget> t
         g_variant_get(parameters, "(&s&o)", &name, &path);
         endpoint->dropped(sender, name, path);
       },
-      new HandlePtr(handle_), freeHandle);
+      hold(), freeHandle);
   presence_ = std::make_unique<DaemonPresence>(
       [this](const std::optional<std::string>& owner) { daemonChanged(owner.value_or("")); },
       daemonName_);
@@ -107,6 +114,10 @@ DaemonObserverEndpoint::~DaemonObserverEndpoint() {
   if (registration_ != 0) g_dbus_connection_unregister_object(bus_, registration_);
   if (node_ != nullptr) g_dbus_node_info_unref(static_cast<GDBusNodeInfo*>(node_));
   if (bus_ != nullptr) g_object_unref(bus_);
+  // GDBus lets go of its copies at the next turns of this loop; the thread may never turn it
+  // again, so turn it now, as long as that takes.
+  while (handle_->heldByBus > 0 && g_main_context_iteration(context_, FALSE)) {
+  }
 }
 
 std::string DaemonObserverEndpoint::registeredOwner() const {

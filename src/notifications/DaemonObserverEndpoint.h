@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -12,6 +13,7 @@
 #include "notifications/DaemonPresence.h"
 
 typedef struct _GDBusConnection GDBusConnection;
+typedef struct _GMainContext GMainContext;
 
 namespace vesk {
 
@@ -28,7 +30,8 @@ namespace vesk {
 // call; anyone else is refused with an error and logged once.
 //
 // Bus callbacks run on the run loop of the thread that makes the endpoint, which must run its
-// loop; the endpoint must be destroyed on that thread.
+// loop; the endpoint must be destroyed on that thread, whose loop it runs a moment then for
+// GDBus to let go of what its callbacks held.
 class DaemonObserverEndpoint {
  public:
   static constexpr std::size_t kRequestThreads = 8;
@@ -52,6 +55,8 @@ class DaemonObserverEndpoint {
   struct Handle {
     std::mutex lock;
     DaemonObserverEndpoint* endpoint = nullptr;  // guarded by lock
+    // How many copies GDBus holds for callbacks; it frees them on the endpoint's loop.
+    std::atomic<int> heldByBus{0};
 
     // The endpoint a callback's data (a std::shared_ptr<Handle>*) names, or null once it is
     // gone. The endpoint goes only on the thread the callbacks run on, so it cannot go while
@@ -84,6 +89,7 @@ class DaemonObserverEndpoint {
   unsigned registration_ = 0;
   unsigned droppedSubscription_ = 0;
   void* node_ = nullptr;
+  GMainContext* context_ = nullptr;  // the loop of the thread that made the endpoint
   std::shared_ptr<Handle> handle_;
   std::unique_ptr<DaemonPresence> presence_;
   WorkQueue requests_{kRequestThreads, 1000};
