@@ -30,9 +30,8 @@ namespace {
 constexpr const char* kTrustBundle = "/etc/ssl/certs/ca-certificates.crt";
 // The most of a refused answer's body kept while its challenge is decided.
 constexpr std::size_t kHeldBodyLimit = 1 << 20;
-// How many delivered body buffers a transfer keeps for reuse: as many as curl hands over in
-// one turn of the loop, commonly.
-constexpr std::size_t kSpareBuffers = 8;
+// How many delivered body buffers a transfer keeps for reuse.
+constexpr std::size_t kSpareBuffers = 2;
 
 void initializeCurl() {
   static std::once_flag once;
@@ -602,9 +601,14 @@ size_t URLConnection::Transfer::onBody(char* buffer, size_t size, size_t count, 
     self->heldBody_.append(buffer, std::min(room, length));
     return length;
   }
-  // Pieces of body come 16 KB at a time over TLS: each goes into a buffer that an earlier
-  // piece was delivered from, so a download does not make the allocator return memory to the
-  // system and ask for it again at every piece.
+  // Pieces of body come 16 KB at a time over TLS, often a hundred in one turn of curl's: they
+  // are gathered into one buffer, which once delivered takes the next turn's pieces, so a
+  // download does not make the allocator hand memory back to the system and ask for it again.
+  if (auto* last =
+          self->events_.empty() ? nullptr : std::get_if<std::string>(&self->events_.back())) {
+    last->append(buffer, length);
+    return length;
+  }
   std::string piece;
   if (!self->spareBuffers_.empty()) {
     piece = std::move(self->spareBuffers_.back());
@@ -652,6 +656,11 @@ CURLcode URLConnection::Transfer::onTLSContext(CURL*, void* context, void* data)
   auto* ctx = static_cast<SSL_CTX*>(context);
   SSL_CTX_set_ex_data(ctx, transferIndex(), data);
   SSL_CTX_set_cert_verify_callback(ctx, &Transfer::onVerifyChain, data);
+  // curl asks OpenSSL to free its record buffers whenever they are empty, which over a long
+  // download is after every 16 KB record: freed at the top of the heap, the memory went back
+  // to the system and was asked for again each time. One exchange's buffers stay for its
+  // whole length instead.
+  SSL_CTX_clear_mode(ctx, SSL_MODE_RELEASE_BUFFERS);
   SSL_CTX_set_client_cert_cb(ctx, &Transfer::onClientCertificateRequest);
   return CURLE_OK;
 }
