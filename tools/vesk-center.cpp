@@ -218,10 +218,12 @@ int post(const std::string& name, const Dictionary& userInfo) {
 
 int notify(const std::string& name, const Dictionary& userInfo) {
   std::string why;
-  if (vesk::systemBus(&why) == nullptr) return fail("no system bus: " + why);
+  GDBusConnection* bus = vesk::systemBus(&why);
+  if (bus == nullptr) return fail("no system bus: " + why);
   if (!vesk::DistributedNotificationCenter::defaultCenter().postNotificationName(name, std::nullopt,
                                                                                  userInfo))
     return fail("the notification could not be sent");
+  g_dbus_connection_flush_sync(bus, nullptr, nullptr);
   // Root's notifications travel where only root may send, and need no more. Anyone else's
   // are checked by asking the bus who sent them, which it can answer only while this
   // connection lasts: stay a moment so that receivers can.

@@ -108,16 +108,13 @@ bool DistributedNotificationCenter::postNotificationName(const std::string& name
   if (bus != nullptr) {
     GVariant* parameters = g_variant_ref_sink(g_variant_new(
         "(ss@a{sv})", name.c_str(), object.value_or("").c_str(), variantFromDictionary(userInfo)));
-    const std::size_t size = g_variant_get_size(parameters);
     GError* error = nullptr;
     bool sent = false;
-    if (size > kMaxPostBytes) {
-      why = fmt::format("the notification is too large ({} bytes)", size);
-    } else {
+    why = tooLargeToPost(parameters);
+    if (why.empty()) {
       sent = g_dbus_connection_emit_signal(
-                 bus, nullptr, systemBusIsRoot() ? kDistributedRootPath : kDistributedPath,
-                 kDistributedInterface, "Notification", parameters, &error) &&
-             g_dbus_connection_flush_sync(bus, nullptr, &error);
+          bus, nullptr, systemBusIsRoot() ? kDistributedRootPath : kDistributedPath,
+          kDistributedInterface, "Notification", parameters, &error);
       if (error != nullptr) why = error->message;
       g_clear_error(&error);
     }

@@ -45,8 +45,8 @@ class DistributedNotificationCenter {
   void removeObserver(ObserverId observer);
 
   // Emits the notification on the bus (on the root path when the bus knows this process as
-  // root); false, logged, when there is no bus or it is larger than kMaxPostBytes. Once it
-  // returns the bus has it: the process may end at once.
+  // root); false, logged, when there is no bus or it is larger than kMaxPostBytes. A process
+  // that ends right after flushes its connection first.
   bool postNotificationName(const std::string& name, const std::optional<std::string>& object,
                             const Dictionary& userInfo = {});
   // Hands a notification straight to this process's observers of its name, without the bus:

@@ -22,7 +22,6 @@ struct BusState {
   // point to them. One per time the bus went away.
   std::vector<GDBusConnection*> closed;  // guarded by lock
   std::uint64_t generation = 0;          // guarded by lock
-  bool isRoot = false;                   // guarded by lock
 
   // A thread of the bus's own makes each connection, in its own context, which is where
   // GDBus then says that the connection has closed; and as the real user, which changes the
@@ -108,7 +107,6 @@ GDBusConnection* connectLocked(BusState& bus, std::string* why) {
     return nullptr;
   }
   ++bus.generation;
-  bus.isRoot = ::getuid() == 0;  // the user the connection was made as
   return connection;
 }
 
@@ -136,7 +134,8 @@ std::uint64_t systemBusGeneration() {
 bool systemBusIsRoot() {
   BusState& bus = state();
   std::lock_guard<std::mutex> hold(bus.lock);
-  return bus.connection != nullptr && bus.isRoot;
+  // The connection is made as the real user.
+  return bus.connection != nullptr && ::getuid() == 0;
 }
 
 bool exitWhenSystemBusLost(std::function<void(const std::string&)> announce, std::string* why) {
@@ -161,11 +160,10 @@ GVariant* callSync(GDBusConnection* bus, const std::string& destination, const c
   return reply;
 }
 
-std::size_t wireSize(GVariant* parameters) {
-  g_variant_ref_sink(parameters);
+std::string tooLargeToPost(GVariant* parameters) {
   const std::size_t size = g_variant_get_size(parameters);
-  g_variant_unref(parameters);
-  return size;
+  if (size <= kMaxPostBytes) return "";
+  return "the notification is too large (" + std::to_string(size) + " bytes)";
 }
 
 std::optional<std::string> nameOwner(GDBusConnection* bus, const std::string& name) {

@@ -76,7 +76,7 @@ GVariant* callSync(GDBusConnection* bus, const std::string& destination, const c
                    const char* interface, const char* method, GVariant* parameters,
                    const char* replyType, int timeoutMs, std::string* why);
 
-// The size of `parameters` as it travels, for the kMaxPostBytes check; sinks a floating value.
-std::size_t wireSize(GVariant* parameters);
+// Why `parameters` (not floating) is too large to post, past kMaxPostBytes; "" when it is not.
+std::string tooLargeToPost(GVariant* parameters);
 
 }  // namespace vesk

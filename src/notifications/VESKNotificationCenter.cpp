@@ -169,11 +169,9 @@ void VESKNotificationCenterProxy::call(const char* method, GVariant* parameters)
     throw Exception("NSObjectInaccessibleException", why);
   }
   g_variant_ref_sink(parameters);
-  const std::size_t size = g_variant_get_size(parameters);
-  if (size > kMaxPostBytes) {
+  if (const std::string tooLarge = tooLargeToPost(parameters); !tooLarge.empty()) {
     g_variant_unref(parameters);
-    throw Exception("NSInvalidArgumentException",
-                    fmt::format("the notification is too large ({} bytes)", size));
+    throw Exception("NSInvalidArgumentException", tooLarge);
   }
   GVariant* reply = callSync(bus, owner_, kDaemonCenterPath, kDaemonCenterInterface, method,
                              parameters, "()", callTimeoutMs, &why);

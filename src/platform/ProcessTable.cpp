@@ -1,5 +1,7 @@
 #include "platform/ProcessTable.h"
 
+#include <unistd.h>
+
 #include <charconv>
 
 namespace vesk {
@@ -30,6 +32,8 @@ std::optional<uid_t> effectiveUidFromStatus(std::string_view status) {
   }
   return std::nullopt;
 }
+
+bool isSignallablePid(pid_t pid) { return pid > 0 && pid != ::getpid(); }
 
 std::optional<pid_t> pidFromProcName(std::string_view name) {
   if (name.empty() || name.size() > 10) return std::nullopt;

@@ -32,6 +32,11 @@ class ProcessTable {
   static ProcessTable& system();
 };
 
+// Whether `pid` names one process other than this one. To kill(2), 0 is this process's group
+// and a negative number a group or, as root, every process on the machine: records and PID
+// files may hold anything, and such a number is never signalled.
+bool isSignallablePid(pid_t pid);
+
 // Readers of the text the system keeps per process (/proc/<pid>/status); pure functions.
 
 // The effective user id from a status file's "Uid:" line (real, effective, saved, fs).

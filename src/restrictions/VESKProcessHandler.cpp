@@ -1,7 +1,5 @@
 #include "restrictions/VESKProcessHandler.h"
 
-#include <unistd.h>
-
 #include "logging/VKLogging.h"
 
 namespace vesk {
@@ -36,9 +34,7 @@ bool VESKProcessHandler::isOsVesionLessThanTenNine() const {
 }
 
 void VESKProcessHandler::killRunningProcess() {
-  // Records and PID files may name no process at all: to kill(2), 0 is this process's group
-  // and -1, as root, every process on the machine. Neither, nor this process, is ever signalled.
-  if (pid_ < 1 || pid_ == ::getpid()) {
+  if (!isSignallablePid(pid_)) {
     VKLogging::logEvent("Refused to kill process {}: it names no process the agent may end",
                         static_cast<long>(pid_));
     return;

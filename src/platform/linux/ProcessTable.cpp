@@ -73,9 +73,7 @@ class LinuxProcessTable : public ProcessTable {
   }
 
   void sendKill(pid_t pid) override {
-    // The last line of defence: 0 and the negative numbers name groups, or every process.
-    if (pid < 1 || pid == ::getpid()) return;
-    (void)::kill(pid, SIGKILL);
+    if (isSignallablePid(pid)) (void)::kill(pid, SIGKILL);
   }
 };
 
