@@ -6,6 +6,16 @@
 
 namespace vesk {
 
+std::vector<ProcessRecord> ProcessTable::listProcesses() {
+  std::vector<ProcessRecord> processes = listExecutables();
+  std::erase_if(processes, [this](ProcessRecord& process) {
+    const std::optional<uid_t> uid = ownerOf(process.pid, process.path);
+    if (uid) process.uid = *uid;
+    return !uid;
+  });
+  return processes;
+}
+
 std::optional<uid_t> effectiveUidFromStatus(std::string_view status) {
   for (std::size_t start = 0; start < status.size();) {
     std::size_t end = status.find('\n', start);

@@ -22,11 +22,21 @@ struct ProcessRecord {
 class ProcessTable {
  public:
   virtual ~ProcessTable() = default;
-  // Every process that could be read whole; one that ends while it is read is left out.
-  virtual std::vector<ProcessRecord> listProcesses() = 0;
+  // Every process's pid and executable path, uid left 0: one look into each process, the
+  // cheapest listing there is, for a pass that needs the owner of the few that match. A process
+  // whose executable cannot be read (a kernel thread, one not ours to look into, one that has
+  // just ended) is listed with an empty path.
+  virtual std::vector<ProcessRecord> listExecutables() = 0;
+  // The effective user of `pid`, provided it still runs `path`: nullopt when it has ended or
+  // now runs something else (a new image, or a new process under a reused pid). Owner and
+  // path are read from one look at the process, so they never mix two processes.
+  virtual std::optional<uid_t> ownerOf(pid_t pid, std::string_view path) = 0;
   // SIGKILL: cannot be caught. Whether it arrived is not reported. A pid below 1 or this
   // process's own is never signalled.
   virtual void sendKill(pid_t pid) = 0;
+
+  // Every process with its owner; one that ends while it is read is left out.
+  std::vector<ProcessRecord> listProcesses();
 
   // The machine's own table.
   static ProcessTable& system();

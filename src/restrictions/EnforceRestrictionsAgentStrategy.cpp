@@ -292,11 +292,13 @@ void EnforceRestrictionsAgentStrategy::checkProcessOrApplicationWithAppPath(
     const std::optional<std::string>& appPath, const std::optional<std::string>& username,
     const ProcessSerialNumber& processSerialNbr, pid_t pid) {
   if (compiled_.empty()) return;
-  // Made when first needed: it only looks the process up, which changes nothing.
-  std::optional<VESKProcessHandler> handler;
+  enforce(matchingEntries(appPath), appPath ? *appPath : std::string(), username, processSerialNbr,
+          pid);
+}
+
+std::vector<std::size_t> EnforceRestrictionsAgentStrategy::matchingEntries(
+    const std::optional<std::string>& appPath) {
   SplitPath path(appPath);
-  static const std::string kNoPath;
-  const std::string& fullPath = appPath ? *appPath : kNoPath;
   // The entries that match, handled in the list's order as if each had been tested in turn.
   std::vector<std::size_t> matched;
   for (const std::size_t index : scanned_)
@@ -310,6 +312,16 @@ void EnforceRestrictionsAgentStrategy::checkProcessOrApplicationWithAppPath(
     std::sort(matched.begin(), matched.end());
     matched.erase(std::unique(matched.begin(), matched.end()), matched.end());
   }
+  return matched;
+}
+
+void EnforceRestrictionsAgentStrategy::enforce(const std::vector<std::size_t>& matched,
+                                               const std::string& fullPath,
+                                               const std::optional<std::string>& username,
+                                               const ProcessSerialNumber& processSerialNbr,
+                                               pid_t pid) {
+  // Made when first needed: it only looks the process up, which changes nothing.
+  std::optional<VESKProcessHandler> handler;
   for (const std::size_t index : matched) {
     const CompiledEntry& entry = compiled_[index];
     BlacklistedItem& item = *entry.item;
@@ -362,20 +374,29 @@ void EnforceRestrictionsAgentStrategy::post(const std::string& name, const Dicti
 }
 
 void EnforceRestrictionsAgentStrategy::fewSecondHandler() {
-  const std::vector<ProcessRecord> processes = table_.listProcesses();
+  const std::vector<ProcessRecord> processes = table_.listExecutables();
   userNames_.clear();  // accounts may change between passes
   for (auto& [key, item] : blacklist_) item.setIsRunning(false);
-  // Each record is checked as checkProcess checks its BSDProcessList entry, without building
-  // the entry: a path that is not UTF-8 makes an entry without keys, which reads as no path,
-  // uid 0 and pid 0.
+  if (compiled_.empty()) return;
+  // Each process is checked as checkProcess checks its BSDProcessList entry, with the work
+  // that cannot change the outcome left out. A path that is not UTF-8 makes an entry without
+  // keys, which reads as no path and matches nothing. Many processes run one executable, so
+  // a path is matched once per pass; and only a process that matches is worth the look at
+  // its owner, whose name decides who is exempt.
+  std::unordered_map<std::string_view, std::vector<std::size_t>> matchesByPath;
   for (const ProcessRecord& process : processes) {
-    if (!isValidUtf8(process.path)) {
-      checkProcessOrApplicationWithAppPath(std::nullopt, userNameForUid(0).value_or(""),
-                                           ProcessSerialNumber{}, 0);
-      continue;
+    auto known = matchesByPath.find(process.path);
+    if (known == matchesByPath.end()) {
+      std::vector<std::size_t> matched;
+      if (isValidUtf8(process.path)) matched = matchingEntries(process.path);
+      known = matchesByPath.emplace(process.path, std::move(matched)).first;
     }
-    checkProcessOrApplicationWithAppPath(process.path, userNameForUid(process.uid).value_or(""),
-                                         ProcessSerialNumber{}, process.pid);
+    if (known->second.empty()) continue;
+    // Gone, or running something else by now: its new image is checked on its own.
+    const std::optional<uid_t> uid = table_.ownerOf(process.pid, process.path);
+    if (!uid) continue;
+    enforce(known->second, process.path, userNameForUid(*uid).value_or(""), ProcessSerialNumber{},
+            process.pid);
   }
   for (auto& [key, item] : blacklist_)
     if (!item.isRunning()) item.setNotified(false);

@@ -98,6 +98,12 @@ class EnforceRestrictionsAgentStrategy {
   class SplitPath;
 
   static CompiledEntry compile(const std::string& key, BlacklistedItem& item);
+  // The indexes in compiled_ of the entries whose pattern names `appPath`, in the list's order.
+  std::vector<std::size_t> matchingEntries(const std::optional<std::string>& appPath);
+  // What the matched entries ask for, for one process.
+  void enforce(const std::vector<std::size_t>& matched, const std::string& fullPath,
+               const std::optional<std::string>& username,
+               const ProcessSerialNumber& processSerialNbr, pid_t pid);
   static bool matches(const CompiledEntry& entry, SplitPath& path);
   void post(const std::string& name, const Dictionary& userInfo);
   std::optional<std::string> userNameForUid(uid_t uid);

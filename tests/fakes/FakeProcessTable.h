@@ -9,11 +9,22 @@ namespace vesk::test {
 // A process table the test fills; kills are written down, not sent.
 class FakeProcessTable : public ProcessTable {
  public:
-  std::vector<ProcessRecord> listProcesses() override { return processes; }
+  std::vector<ProcessRecord> listExecutables() override {
+    std::vector<ProcessRecord> listed = processes;
+    for (ProcessRecord& process : listed) process.uid = 0;
+    return listed;
+  }
+  std::optional<uid_t> ownerOf(pid_t pid, std::string_view path) override {
+    ++ownerLookups;
+    for (const ProcessRecord& process : processes)
+      if (process.pid == pid && process.path == path) return process.uid;
+    return std::nullopt;
+  }
   void sendKill(pid_t pid) override { killed.push_back(pid); }
 
   std::vector<ProcessRecord> processes;
   std::vector<pid_t> killed;
+  int ownerLookups = 0;
 };
 
 }  // namespace vesk::test

@@ -45,23 +45,14 @@ TEST(RestrictedList, KeysEntriesByTheirFinalPatternTheLaterWinning) {
 }
 
 TEST(RestrictedList, ReadsFlagsByThePlatformsBooleanRuleAndTrimsUsers) {
-  std::string entries;
-  int n = 0;
-  for (const char* text : {"YES", "yes", "true", "1", " +007"})
-    entries += entry("on" + std::to_string(n++), std::string("<ns2:kill>") + text + "</ns2:kill>");
-  for (const char* text : {"no", "false", "0", ""})
-    entries += entry("off" + std::to_string(n++), std::string("<ns2:kill>") + text + "</ns2:kill>");
-  entries += entry("off" + std::to_string(n++));
-  entries += entry("users",
-                   "<ns2:whitelistedUsers><ns2:username>  alice\n</ns2:username>"
-                   "<ns2:username>bob</ns2:username></ns2:whitelistedUsers>"
-                   "<ns2:notify>Y</ns2:notify><ns2:delete>T</ns2:delete>");
-  const Blacklist list = load(document(entries));
-  for (const auto& [key, item] : list) {
-    if (key != "*users*") {
-      EXPECT_EQ(item.killApp(), key.rfind("*on", 0) == 0) << key;
-    }
-  }
+  const Blacklist list = load(
+      document(entry("on", "<ns2:kill> +007</ns2:kill>") + entry("off", "<ns2:kill>no</ns2:kill>") +
+               entry("users",
+                     "<ns2:whitelistedUsers><ns2:username>  alice\n</ns2:username>"
+                     "<ns2:username>bob</ns2:username></ns2:whitelistedUsers>"
+                     "<ns2:notify>Y</ns2:notify><ns2:delete>T</ns2:delete>")));
+  EXPECT_TRUE(list.at("*on*").killApp());
+  EXPECT_FALSE(list.at("*off*").killApp());
   const BlacklistedItem& users = list.at("*users*");
   EXPECT_EQ(users.whitelistedUsers(), (Dictionary{{"alice", Value("")}, {"bob", Value("")}}));
   EXPECT_EQ(
@@ -109,61 +100,23 @@ TEST(RestrictedList, LoadsTheDaemonsFileAndNothingWhenItIsMissingOrNotText) {
   root.write(file, document(entry("Ch\xff"
                                   "ess")));
   EXPECT_TRUE(BlacklistedSoftwareHelper::loadBlacklistedSoftware().empty());
-
-  // A large list: 20,000 entries in about 10 MB.
-  std::string entries;
-  const std::string padding(400, 'x');
-  for (int i = 0; i < 20000; ++i)
-    entries += entry("app" + std::to_string(i), "<ns2:message>" + padding + "</ns2:message>");
-  root.write(file, document(entries));
-  EXPECT_EQ(BlacklistedSoftwareHelper::loadBlacklistedSoftware().size(), 20000u);
 }
 
-// Mutated documents and paths: whatever the bytes, loading and matching end cleanly.
-TEST(RestrictedList, SurvivesMutatedDocumentsAndPaths) {
-  const std::string seed =
-      document(entry("Chess",
-                     "<ns2:kill>1</ns2:kill><ns2:whitelistedUsers><ns2:username>u</ns2:username>"
-                     "</ns2:whitelistedUsers>") +
-               entry("/Applications/*.app", "<ns2:requireExactMatch>0</ns2:requireExactMatch>"));
-  const std::string alphabet = "<>/&;*?[]!-.:ns2\"' \n\x00\xc3\xa9\xff";
+// A pattern compared as text answers as the shell-pattern match would, whatever it holds.
+TEST(RestrictedList, PreparedPatternsAnswerAsTheShellMatchWould) {
+  const std::string pieces[] = {"*",    "?", "[",  "]",        "!",    "/",
+                                ".app", "a", "\\", "\xc3\xa9", "\xff", "b"};
   std::mt19937 random(12345);
-  for (int round = 0; round < 3000; ++round) {
-    std::string mutated = seed;
-    for (int edits = 1 + static_cast<int>(random() % 8); edits > 0; --edits) {
-      const std::size_t at = random() % (mutated.size() + 1);
-      const char c = alphabet[random() % alphabet.size()];
-      switch (random() % 3) {
-        case 0:
-          mutated.insert(at, 1, c);
-          break;
-        case 1:
-          if (at < mutated.size()) mutated.erase(at, 1);
-          break;
-        default:
-          if (at < mutated.size()) mutated[at] = c;
-      }
-    }
-    for (const auto& [key, item] : load(mutated)) {
-      EnforceRestrictionsAgentStrategy::blacklistProcess(key, mutated.substr(0, 200), false);
-      EnforceRestrictionsAgentStrategy::blacklistProcess(key, key, item.requireExactMatch());
-    }
-    // Random patterns against random paths, both ways of matching.
-    const std::string pieces[] = {"*",    "?", "[",  "]",        "!",    "/",
-                                  ".app", "a", "\\", "\xc3\xa9", "\xff", "b"};
+  for (int round = 0; round < 20000; ++round) {
     std::string pattern, path;
     for (int i = static_cast<int>(random() % 10); i > 0; --i) pattern += pieces[random() % 12];
     for (int i = static_cast<int>(random() % 14); i > 0; --i) path += pieces[random() % 12];
-    EnforceRestrictionsAgentStrategy::blacklistProcess(pattern, path, round % 2 == 0);
-    // A pattern compared as text answers as the shell-pattern match would.
     const auto prepared = EnforceRestrictionsAgentStrategy::preparePattern(pattern);
     const std::string subject = lowercaseString(path);
-    if (!prepared.overBroad) {
-      EXPECT_EQ(prepared.matches(subject),
-                ::fnmatch(prepared.pattern.c_str(), subject.c_str(), 0) == 0)
-          << "pattern " << pattern << " path " << path;
-    }
-    EnforceRestrictionsAgentStrategy::deletePath(path);
+    if (prepared.overBroad) continue;
+    ASSERT_EQ(prepared.matches(subject),
+              ::fnmatch(prepared.pattern.c_str(), subject.c_str(), 0) == 0)
+        << "pattern " << pattern << " path " << path;
   }
 }
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 
 namespace vesk {
 namespace {
@@ -35,41 +36,44 @@ std::optional<uid_t> effectiveUid(int folder) {
   return status ? effectiveUidFromStatus(*status) : std::nullopt;
 }
 
+// The executable's path through a handle on /proc or on the process's own folder; empty
+// when there is none to read.
+std::string executablePath(int directory, const char* name) {
+  char path[4096];
+  const ssize_t length = ::readlinkat(directory, name, path, sizeof path);
+  return length > 0 ? std::string(path, static_cast<size_t>(length)) : std::string();
+}
+
 class LinuxProcessTable : public ProcessTable {
  public:
-  std::vector<ProcessRecord> listProcesses() override {
+  // One readlink per process, straight from /proc: most processes match nothing, and for
+  // them neither the owner nor anything else is worth a look.
+  std::vector<ProcessRecord> listExecutables() override {
     std::vector<ProcessRecord> processes;
     DIR* proc = ::opendir("/proc");
     if (proc == nullptr) return processes;
     while (const dirent* entry = ::readdir(proc)) {
       const std::optional<pid_t> pid = pidFromProcName(entry->d_name);
       if (!pid) continue;
-      // Everything is read through the process's own folder, so that a pid reused meanwhile
-      // cannot mix two processes in one record.
-      const int folder = ::openat(::dirfd(proc), entry->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-      if (folder < 0) continue;
-      ProcessRecord record;
-      record.pid = *pid;
-      const std::optional<uid_t> uid = effectiveUid(folder);
-      bool complete = uid.has_value();
-      if (complete) {
-        record.uid = *uid;
-        char path[4096];
-        const ssize_t length = ::readlinkat(folder, "exe", path, sizeof path);
-        if (length > 0) {
-          record.path.assign(path, static_cast<size_t>(length));
-        } else {
-          // No executable to name (a kernel thread, or not ours to look into) unless the
-          // process has just gone, in which case it is left out.
-          struct stat info;
-          complete = ::fstatat(folder, "stat", &info, 0) == 0;
-        }
-      }
-      ::close(folder);
-      if (complete) processes.push_back(std::move(record));
+      char link[32];
+      std::snprintf(link, sizeof link, "%s/exe", entry->d_name);
+      processes.push_back(ProcessRecord{*pid, 0, executablePath(::dirfd(proc), link)});
     }
     ::closedir(proc);
     return processes;
+  }
+
+  std::optional<uid_t> ownerOf(pid_t pid, std::string_view path) override {
+    char name[16];
+    std::snprintf(name, sizeof name, "/proc/%d", static_cast<int>(pid));
+    // Both answers come through the process's own folder: a pid reused meanwhile has a
+    // folder of its own, and opening this one failed or names the process that was listed.
+    const int folder = ::open(name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder < 0) return std::nullopt;
+    std::optional<uid_t> uid;
+    if (executablePath(folder, "exe") == path) uid = effectiveUid(folder);
+    ::close(folder);
+    return uid;
   }
 
   void sendKill(pid_t pid) override {
