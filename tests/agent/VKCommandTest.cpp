@@ -1,58 +1,49 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include "agent/EntryPoint.h"
 #include "agent/VKCommand.h"
 #include "foundation/Exception.h"
 
 namespace vesk {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::Pair;
+struct NamedCommand : VKCommand {
+  std::vector<std::string> optionsWithRequiredValues() const override { return {"-name"}; }
+};
 
-Options parse(std::vector<std::string> arguments) {
-  return VKCommand::create<VKCommand>(std::move(arguments))->options();
-}
-
-TEST(OptionParsing, FlagsTakeTheNextPlainWordAndValuesMayLookLikeNumbers) {
-  EXPECT_THAT(parse({"veskAgent", "-verbose", "-debug"}),
-              ElementsAre(Pair("debug", ""), Pair("verbose", "")));
-  // A flag swallows a following plain word, even one that expects no value.
-  EXPECT_THAT(parse({"veskAgent", "-verbose", "version"}), ElementsAre(Pair("verbose", "version")));
-  // A dash followed by a number is a value, not a flag.
-  EXPECT_THAT(parse({"veskAgent", "-randomDelaySeconds", "-5"}),
-              ElementsAre(Pair("randomDelaySeconds", "-5")));
-  // The verb and argument 0 are skipped like any word no flag takes; later repetitions win.
-  EXPECT_THAT(parse({"veskAgent", "version", "-a", "1", "--a", "2", "-b"}),
-              ElementsAre(Pair("a", "2"), Pair("b", "")));
-}
-
-TEST(OptionParsing, OnlyTargetAlwaysTakesTheNextArgument) {
-  EXPECT_THAT(parse({"veskAgent", "-target", "-x"}), ElementsAre(Pair("target", "-x")));
-  // Two dashes are one too many for the value-taking list, so "--target" is a plain flag.
-  EXPECT_THAT(parse({"veskAgent", "--target", "-x"}),
-              ElementsAre(Pair("target", ""), Pair("x", "")));
-
-  struct NamedCommand : VKCommand {
-    std::vector<std::string> optionsWithRequiredValues() const override { return {"-name"}; }
-  };
-  const auto named = VKCommand::create<NamedCommand>({"veskAgent", "-name", "-x"});
-  EXPECT_THAT(named->options(), ElementsAre(Pair("name", "-x")));
-  EXPECT_TRUE(named->doesArgRequireValue("name"));
-  EXPECT_TRUE(named->doesArgRequireValue("-target"));
-  EXPECT_FALSE(named->doesArgRequireValue("--target"));
-  EXPECT_FALSE(named->doesArgRequireValue("-Target"));
-}
-
-TEST(OptionParsing, OddArgumentsAreStoredOrSkippedWithoutFailing) {
-  EXPECT_THAT(parse({"veskAgent", "", "-a", "", "-"}), ElementsAre(Pair("a", "")));
-  // "--" cleans to an empty name and is stored under it; a lone "-" is numeric, so a value.
-  EXPECT_THAT(parse({"veskAgent", "--"}), ElementsAre(Pair("", "")));
-  EXPECT_THAT(parse({"veskAgent", " -spaced ", "v"}), ElementsAre(Pair("spaced", "v")));
+TEST(OptionParsing, FlagsTakeTheNextPlainWordAndOnlyValueTakingOnesTakeAFlag) {
   const std::string huge(100000, 'x');
-  EXPECT_THAT(parse({"veskAgent", "-k", huge}), ElementsAre(Pair("k", huge)));
+  struct Case {
+    std::vector<std::string> arguments;
+    Options expected;
+  } cases[] = {
+      {{"-verbose", "-debug"}, {{"debug", ""}, {"verbose", ""}}},
+      // A flag swallows a following plain word, even one that expects no value.
+      {{"-verbose", "version"}, {{"verbose", "version"}}},
+      {{"-randomDelaySeconds", "-5"}, {{"randomDelaySeconds", "-5"}}},  // a number is a value
+      // The verb is skipped like any word no flag takes; later repetitions win.
+      {{"version", "-a", "1", "--a", "2", "-b"}, {{"a", "2"}, {"b", ""}}},
+      {{"-target", "-x"}, {{"target", "-x"}}},
+      // Two dashes are one too many for the value-taking list: "--target" is a plain flag.
+      {{"--target", "-x"}, {{"target", ""}, {"x", ""}}},
+      {{"-name", "-x"}, {{"name", "-x"}}},  // the command's own value-taking option
+      // Odd words are stored or skipped without failing: "--" cleans to an empty name, a lone
+      // "-" is numeric, so a value.
+      {{"", "-a", "", "-"}, {{"a", ""}}},
+      {{"--"}, {{"", ""}}},
+      {{" -spaced ", "v"}, {{"spaced", "v"}}},
+      {{"-k", huge}, {{"k", huge}}},
+  };
+  for (Case& c : cases) {
+    std::vector<std::string> arguments = c.arguments;
+    arguments.insert(arguments.begin(), "veskAgent");
+    EXPECT_EQ(VKCommand::create<NamedCommand>(arguments)->options(), c.expected)
+        << c.arguments.front();
+  }
+  const auto named = VKCommand::create<NamedCommand>({"veskAgent"});
+  EXPECT_TRUE(named->doesArgRequireValue("-target"));
+  EXPECT_FALSE(named->doesArgRequireValue("-Target"));
   EXPECT_EQ(VKCommand::cleanOptionFlag(" --target- "), "target");
   EXPECT_FALSE(VKCommand::isOptionFlag("-3."));
   EXPECT_TRUE(VKCommand::isOptionFlag("\t-v\n"));
@@ -61,10 +52,8 @@ TEST(OptionParsing, OddArgumentsAreStoredOrSkippedWithoutFailing) {
 TEST(OptionParsing, TargetLosesItsTrailingSlashesAndFallsBackToTheFirstOneSeen) {
   const auto first = VKCommand::create<VKCommand>({"veskAgent", "-target", " /Volumes/Disk// "});
   EXPECT_EQ(first->target(), "/Volumes/Disk");
-  const auto second = VKCommand::create<VKCommand>({"veskAgent", "-target", "/"});
-  EXPECT_EQ(second->target(), "/Volumes/Disk");
-  const auto third = VKCommand::create<VKCommand>({"veskAgent", "-target", "/Other"});
-  EXPECT_EQ(third->target(), "/Other");
+  EXPECT_EQ(VKCommand::create<VKCommand>({"veskAgent", "-target", "/"})->target(), "/Volumes/Disk");
+  EXPECT_EQ(VKCommand::create<VKCommand>({"veskAgent", "-target", "/Other"})->target(), "/Other");
   EXPECT_EQ(VKCommand::globalTarget(), "/Volumes/Disk");
 }
 
@@ -77,10 +66,8 @@ TEST(ProcessWideSwitches, TheFirstCommandBuiltDecidesThemForTheProcess) {
       {"veskAgent", "-overrideKSV", "https://other/", "-randomDelaySeconds", "3", "-showPID"});
   const std::string printed = testing::internal::GetCapturedStdout();
 
-  EXPECT_TRUE(VKCommand::verbose());
   EXPECT_TRUE(second->verbose());
   EXPECT_EQ(VKCommand::overrideKsvUrl(), " https://ksv.example:8443 /");
-  EXPECT_TRUE(VKCommand::globalDisplayKsvTraffic());
   EXPECT_TRUE(second->displayKsvTraffic());
   // Asking for debug clears it: debug output never appears through this switch.
   EXPECT_FALSE(VKCommand::debug());
@@ -99,38 +86,50 @@ TEST(ProcessWideSwitches, VerboseStaysOffOnceTheFirstCommandLeftItOff) {
   EXPECT_FALSE(first->displayKsvTraffic());
 }
 
-TEST(CommandLifeCycle, TheBaseCommandRefusesToExecute) {
-  if (::getuid() != 0) GTEST_SKIP() << "the root check runs before execute; needs root";
-  const auto command = VKCommand::create<VKCommand>({"veskAgent"});
-  try {
-    command->validateAndExecute();
-    FAIL() << "execute of the base class must raise";
-  } catch (const Exception& e) {
-    EXPECT_EQ(e.name(), "Unsupported Operation");
-    EXPECT_EQ(
-        e.reason(),
-        "An abstract method on the parent class was unexpectedly called. VKCommand should override the execute method to fix this.");
-  }
-}
-
-TEST(CommandLifeCycle, HooksRunInOrderAndTheRootCheckComesFirst) {
+TEST(CommandLifeCycle, HooksRunInOrderAndTheBaseCommandRefusesToExecute) {
+  static std::vector<std::string> log;
   struct Recorder : VKCommand {
-    static std::vector<std::string>& log() {
-      static std::vector<std::string> entries;
-      return entries;
-    }
     bool rootRequired() const override { return false; }
-    void preInitialize() override { log().push_back("pre:" + options().at("x")); }
-    void onInitialize() override { log().push_back("on"); }
-    void validateOptions() override { log().push_back("validate"); }
+    void preInitialize() override { log.push_back("pre:" + options().at("x")); }
+    void onInitialize() override { log.push_back("on"); }
+    void validateOptions() override { log.push_back("validate"); }
     int execute() override {
-      log().push_back("execute");
+      log.push_back("execute");
       return 7;
     }
   };
-  const auto command = VKCommand::create<Recorder>({"veskAgent", "-x", "1"});
-  EXPECT_EQ(command->validateAndExecute(), 7);
-  EXPECT_THAT(Recorder::log(), ElementsAre("pre:1", "on", "validate", "execute"));
+  EXPECT_EQ(VKCommand::create<Recorder>({"veskAgent", "-x", "1"})->validateAndExecute(), 7);
+  EXPECT_EQ(log, (std::vector<std::string>{"pre:1", "on", "validate", "execute"}));
+
+  if (::getuid() != 0) GTEST_SKIP() << "the root check runs before execute; needs root";
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(runGuarded([] { return VKCommand::create<VKCommand>({"x"})->validateAndExecute(); }),
+            1);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "\nThere was an error.\n\n     An abstract method on the parent class was "
+            "unexpectedly called. VKCommand should override the execute method to fix this.\n\n");
+}
+
+TEST(EntryGuard, PrintsOnlyTheReasonInsideOneOfTheTwoErrorTexts) {
+  struct Case {
+    std::function<int()> body;
+    int status;
+    const char* printed;
+  } cases[] = {
+      {[]() -> int { throw InvalidSyntaxException("Bad Syntax", "-target needs a path"); }, 1,
+       "\nThere is an error in your syntax.\n\n     Error: -target needs a path\n\nType \"vesk "
+       "help\" for more information.\n\n"},
+      {[]() -> int { throw Exception("VESK Root User", "must be root"); }, 1,
+       "\nThere was an error.\n\n     must be root\n\n"},
+      {[]() -> int { throw std::runtime_error("disk full"); }, 1,
+       "\nThere was an error.\n\n     disk full\n\n"},
+      {[] { return 5; }, 5, ""},
+  };
+  for (const Case& c : cases) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(runGuarded(c.body), c.status);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), c.printed);
+  }
 }
 
 }  // namespace
