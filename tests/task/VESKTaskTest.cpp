@@ -3,14 +3,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <future>
-#include <mutex>
 #include <thread>
 
+#include "foundation/PropertyList.h"
 #include "foundation/StringHelpers.h"
 #include "helpers/TestSupport.h"
 #include "task/VKLocalTask.h"
@@ -31,61 +31,88 @@ class TaskRunner : public ::testing::Test {
   test::TemporaryFolder root_;
 };
 
-// Records what a task tells its delegate, and lets a test wait for the child's start.
+// Records what a task streams to its delegate. Both callbacks come on the running thread.
 struct Recorder {
   std::shared_ptr<VESKTaskDelegate> delegate = std::make_shared<VESKTaskDelegate>();
-  std::mutex lock;
-  std::condition_variable started;
-  pid_t startedPid = 0;
-  std::vector<std::string> chunks;
-  std::function<void(const std::string&)> onChunk;
+  bool started = false;
+  std::size_t pieces = 0;
+  std::string joined;
+  std::function<void(const std::string&)> onPiece;
 
-  explicit Recorder(bool readStrings) {
-    delegate->taskStartedProcess = [this](VESKTask& task) {
-      std::lock_guard<std::mutex> hold(lock);
-      startedPid = task.processId();
-      started.notify_all();
+  Recorder() {
+    delegate->taskStartedProcess = [this](VESKTask&) { started = true; };
+    delegate->taskReadString = [this](VESKTask&, const std::string& text) {
+      EXPECT_TRUE(started) << "output before the start was told";
+      ++pieces;
+      joined += text;
+      if (onPiece) onPiece(text);
     };
-    if (readStrings)
-      delegate->taskReadString = [this](VESKTask&, const std::string& text) {
-        EXPECT_NE(startedPid, 0) << "output before the start was told";
-        chunks.push_back(text);
-        if (onChunk) onChunk(text);
-      };
-  }
-  pid_t waitForStart() {
-    std::unique_lock<std::mutex> hold(lock);
-    EXPECT_TRUE(started.wait_for(hold, std::chrono::seconds(30), [&] { return startedPid != 0; }))
-        << "the child was never reported started";
-    return startedPid;
-  }
-  std::string joined() const {
-    std::string all;
-    for (const std::string& chunk : chunks) all += chunk;
-    return all;
   }
 };
 
-std::size_t openDescriptors() {
-  std::size_t count = 0;
-  for ([[maybe_unused]] const auto& entry : fs::directory_iterator("/proc/self/fd")) ++count;
-  return count;
+TEST_F(TaskRunner, RunsCommandsWithoutAShellAndAnswersTheirOutputStripped) {
+  struct Case {
+    Command command;
+    std::optional<std::string> answer;
+    bool ignoreStderr;
+    std::string output;
+    Error error;
+  };
+  const Error untouched("untouched", 0);
+  const Case cases[] = {
+      {{"/bin/echo", "  word  "}, {}, true, "word", untouched},
+      // Each argument reaches the program as it is: no shell splits or expands it.
+      {{"/usr/bin/printf", "%s|", "a b", "$HOME", "*"}, {}, true, "a b|$HOME|*|", untouched},
+      {shell("echo out; echo err >&2"), {}, true, "out", untouched},
+      {shell("echo out; echo err >&2"), {}, false, "out\nerr", untouched},
+      // Error text beyond what a pipe holds neither joins the output nor stalls the child.
+      {shell("head -c 200000 /dev/zero >&2; echo done"), {}, true, "done", untouched},
+      // A failed run still answers its output; the code is the exit status or the signal.
+      {shell("echo partial; exit 3"), {}, true, "partial", Error(VESKTaskErrorDomain, 3)},
+      {shell("kill -9 $$"), {}, true, "", Error(VESKTaskErrorDomain, 9)},
+      {{"/no/such/program", "x"}, {}, true, "", Error(VESKTaskErrorDomain, 0)},
+      {{}, {}, true, "", Error(VESKTaskErrorDomain, 0)},
+      // The answer and one newline are written, then the input is closed.
+      {shell("read a; if read b; then echo \"two:$b\"; else echo \"got:$a eof\"; fi"), "s3cret $x",
+       true, "got:s3cret $x eof", untouched},
+      // A child that never reads its input must not hurt this process, even with a large answer.
+      {{"/bin/true"}, std::string(1 << 20, 'a'), true, "", untouched},
+  };
+  VKLocalTask task;  // one for all: a failed run leaves it usable
+  for (const Case& c : cases) {
+    Error error = untouched;
+    EXPECT_EQ(task.executeAndAnswerPromptWith(c.command, c.answer, &error, c.ignoreStderr),
+              c.output)
+        << argumentString(c.command);
+    EXPECT_EQ(error, c.error) << argumentString(c.command);
+  }
 }
 
-TEST(ArgumentString, QuotesEveryWordAndEscapesQuotesWithABackslash) {
-  EXPECT_EQ(argumentString({"/bin/echo", "a b", "it's", "$HOME"}),
-            "'/bin/echo' 'a b' 'it\\'s' '$HOME'");
-  EXPECT_EQ(argumentString({"tab\t"}), "'tab\t'");
-  EXPECT_EQ(argumentString({}), "");
+TEST(LocalTask, ChildrenFindTheClientToolsLastOnTheirPath) {
+  ::unsetenv("VESK_ROOT");
+  ::setenv("PATH", "/usr/bin:/bin", 1);
+  VKLocalTask task;
+  EXPECT_EQ(task.execute(shell("printf %s \"$PATH\"")), "/usr/bin:/bin:/usr/local/vesk/bin");
+  ::unsetenv("PATH");
+  const std::string environment = "\n" + task.execute({"/usr/bin/env"}) + "\n";
+  EXPECT_NE(environment.find("\nPATH=/usr/local/vesk/bin\n"), std::string::npos) << environment;
 }
 
-TEST_F(TaskRunner, StreamsEachPieceOfOutputWhileTheChildRuns) {
+TEST_F(TaskRunner, ParsesBinaryOutputAsAPropertyListByteForByte) {
+  // Bytes that are no text, and white space at the ends that stripping would lose.
+  const Value binary(Dictionary{{"bytes", Value(Data{0xff, 0x00, 0x0a, 0x20})}, {"n", 7}});
+  const fs::path file = root_.write("binary.plist", binaryPropertyList(binary));
+  VKLocalTask task;
+  EXPECT_EQ(task.executeReturningPlist({"/bin/cat", file.string()}), binary);
+}
+
+TEST_F(TaskRunner, StreamsEachPieceOfOutputWhileTheChildRunsAndNotBeyondItsEnd) {
   // The child goes on only once the test has seen its first line: proof that output arrives
   // as it is written, not when the child has ended.
   const fs::path fifo = root_.path() / "go";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  Recorder recorder(true);
-  recorder.onChunk = [&](const std::string& text) {
+  Recorder recorder;
+  recorder.onPiece = [&](const std::string& text) {
     if (text.find("first") != std::string::npos) std::ofstream(fifo) << "go\n";
   };
   VKLocalTask task;
@@ -98,64 +125,54 @@ TEST_F(TaskRunner, StreamsEachPieceOfOutputWhileTheChildRuns) {
   EXPECT_EQ(error.code(), 4);
   // A streaming run reads the error pipe too, and its text joins the result.
   EXPECT_NE(result.find("oops"), std::string::npos);
-  EXPECT_EQ(replaceAll(recorder.joined(), "oops\n", ""), "first\nthen go\n");
+  EXPECT_EQ(replaceAll(recorder.joined, "oops\n", ""), "first\nthen go\n");
   EXPECT_EQ(strip(replaceAll(result + "\n", "oops\n", "")), "first\nthen go");
+
+  // The run ends with the child, not with a descendant that still holds the pipe.
+  const auto descendant = static_cast<pid_t>(std::stol(task.execute(shell("sleep 30 & echo $!"))));
+  EXPECT_EQ(::kill(descendant, 0), 0) << "the run waited for the descendant to end";
+  ::kill(descendant, SIGKILL);
 }
 
-TEST_F(TaskRunner, StreamingKeepsTheOrderOfAStreamAndEchoesToTheConsole) {
-  Recorder recorder(true);
+TEST_F(TaskRunner, StreamingKeepsTheOrderAndTheCharactersOfAStreamAndEchoesToTheConsole) {
+  Recorder recorder;
   VKLocalTask task;
   task.setDelegate(recorder.delegate);
   std::string expected;
   for (int i = 1; i <= 200000; ++i) expected += std::to_string(i) + "\n";
   EXPECT_EQ(task.execute({"/usr/bin/seq", "200000"}), strip(expected));
-  EXPECT_EQ(recorder.joined(), expected);
-  EXPECT_GT(recorder.chunks.size(), 1u);
+  EXPECT_EQ(recorder.joined, expected);
+  EXPECT_GT(recorder.pieces, 1u);
+
+  // Two-byte characters after one odd byte: reads of whole pages split characters, which
+  // must reach the delegate whole.
+  std::string accents = "x";
+  for (int i = 0; i < 200000; ++i) accents += "\u00e9";
+  const fs::path file = root_.write("accents", accents);
+  recorder.joined.clear();
+  EXPECT_TRUE(task.execute({"/bin/cat", file.string()}) == accents);
+  EXPECT_TRUE(recorder.joined == accents) << "the streamed text differs from what was printed";
 
   // Echoed piece by piece, with the error text mixed into the one pipe.
-  VKLocalTask console;
   testing::internal::CaptureStdout();
-  const std::string mixed = console.executeAndAnswerPromptWith(shell("echo alpha; echo beta >&2"),
-                                                               std::nullopt, nullptr, false, true);
-  const std::string printed = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(mixed, "alpha\nbeta");
-  EXPECT_EQ(replaceAll(printed, "\n", ""), "alphabeta");
-}
-
-TEST_F(TaskRunner, SixteenMegabytesOnEachStreamPassInEitherMode) {
-  const Command big =
-      shell("head -c 16777216 /dev/zero | tr '\\0' a; head -c 16777216 /dev/zero | tr '\\0' b >&2");
-  VKLocalTask task;
-  const std::string plain = task.execute(big);
-  EXPECT_EQ(plain.size(), 16777216u);
-  EXPECT_EQ(plain.find('b'), std::string::npos);
-
-  Recorder recorder(true);
-  task.setDelegate(recorder.delegate);
-  const std::string streamed = task.execute(big);
-  EXPECT_EQ(streamed.size(), 2u * 16777216u);
-  EXPECT_EQ(recorder.joined().size(), 2u * 16777216u);
-}
-
-TEST_F(TaskRunner, AStreamingRunDoesNotWaitForADescendantHoldingThePipe) {
-  Recorder recorder(true);
-  VKLocalTask task;
-  task.setDelegate(recorder.delegate);
-  const std::string output = task.execute(shell("sleep 30 & echo $!"));
-  const pid_t descendant = static_cast<pid_t>(std::stol(output));
-  EXPECT_EQ(::kill(descendant, 0), 0) << "the run waited for the descendant to end";
-  ::kill(descendant, SIGKILL);
+  EXPECT_EQ(VKLocalTask().executeAndAnswerPromptWith(shell("echo alpha; echo beta >&2"),
+                                                     std::nullopt, nullptr, false, true),
+            "alpha\nbeta");
+  EXPECT_EQ(replaceAll(testing::internal::GetCapturedStdout(), "\n", ""), "alphabeta");
 }
 
 TEST_F(TaskRunner, TerminateFromAnotherThreadEndsTheRunningCommand) {
-  Recorder recorder(false);
+  auto delegate = std::make_shared<VESKTaskDelegate>();
+  std::promise<pid_t> started;
+  delegate->taskStartedProcess = [&](VESKTask& task) { started.set_value(task.processId()); };
   VKLocalTask task;
-  task.setDelegate(recorder.delegate);
+  task.setDelegate(delegate);
   Error error;
   std::string output = "unset";
   std::thread run([&] { output = task.execute({"/bin/sleep", "30"}, &error); });
-  const pid_t pid = recorder.waitForStart();
-  EXPECT_EQ(task.processId(), pid);
+  std::future<pid_t> pid = started.get_future();
+  ASSERT_EQ(pid.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  EXPECT_EQ(task.processId(), pid.get());
   task.terminate();
   run.join();
   EXPECT_EQ(output, "");
@@ -171,8 +188,7 @@ TEST_F(TaskRunner, ATimeoutEndsTheCommandsWholeGroupLogsAndKeepsItsOutput) {
     const char* script;
     int status;  // what ended the command
   };
-  for (const Case& c : {Case{"echo before; exec sleep 30", SIGTERM},
-                        Case{"trap '' TERM; echo before; sleep 30", SIGKILL},
+  for (const Case& c : {Case{"trap '' TERM; echo before; sleep 30", SIGKILL},
                         Case{"echo before; sleep 30; echo after", SIGTERM}}) {
     SCOPED_TRACE(c.script);
     VKLocalTask task;
@@ -199,13 +215,10 @@ TEST_F(TaskRunner, ATimeoutEndsTheCommandsWholeGroupLogsAndKeepsItsOutput) {
 
 TEST_F(TaskRunner, InputFromAFileReachesTheChildAndTheFileIsAlwaysDeleted) {
   VKLocalTask task;
-  const fs::path input = root_.write("answers", "line1\nline2\n");
-  EXPECT_EQ(task.executeWithStdinFromFile({"/bin/cat"}, input), "line1\nline2");
-  EXPECT_FALSE(fs::exists(input));
-
-  // Input and output bigger than a pipe holds, at the same time.
+  // Input, output and error text bigger than a pipe holds, all at the same time.
   const fs::path big = root_.write("big", std::string(4 << 20, 'q'));
-  EXPECT_EQ(task.executeWithStdinFromFile(shell("cat; echo err >&2"), big).size(), 4u << 20);
+  EXPECT_EQ(task.executeWithStdinFromFile(shell("cat; head -c 200000 /dev/zero >&2"), big),
+            std::string(4 << 20, 'q'));
   EXPECT_FALSE(fs::exists(big));
 
   const fs::path kept = root_.write("failing", "x");
@@ -216,22 +229,12 @@ TEST_F(TaskRunner, InputFromAFileReachesTheChildAndTheFileIsAlwaysDeleted) {
   EXPECT_NE(logText().find("]: Error executing command: (\n    /no/such/tool\n)\n"),
             std::string::npos)
       << logText();
-
-  Error status;
-  EXPECT_EQ(task.executeWithStdinFromFile({"/usr/bin/wc", "-c"}, root_.path() / "missing", &status),
-            "0");
-  EXPECT_TRUE(status.domain().empty());
 }
 
 TEST_F(TaskRunner, BackgroundChildrenAnswerToSuspendResumeAndTerminate) {
-  auto state = [](pid_t pid) {
+  const auto state = [](pid_t pid) {
     const std::string stat = test::readFile("/proc/" + std::to_string(pid) + "/stat");
     return stat.substr(stat.rfind(')') + 2, 1);
-  };
-  auto waitFor = [](const std::function<bool()>& done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!done() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-    return done();
   };
   VKLocalTask task;
   task.executeInBackground({"/bin/sleep", "30"});
@@ -239,11 +242,11 @@ TEST_F(TaskRunner, BackgroundChildrenAnswerToSuspendResumeAndTerminate) {
   ASSERT_GT(pid, 0);
   EXPECT_EQ(task.terminationStatus(), 0);
   task.suspend();
-  EXPECT_TRUE(waitFor([&] { return state(pid) == "T"; }));
+  EXPECT_TRUE(test::pollUntil([&] { return state(pid) == "T"; }, 30));
   task.resume();
-  EXPECT_TRUE(waitFor([&] { return state(pid) != "T"; }));
+  EXPECT_TRUE(test::pollUntil([&] { return state(pid) != "T"; }, 30));
   task.terminate();
-  EXPECT_TRUE(waitFor([&] { return task.terminationStatus() == SIGTERM; }));
+  EXPECT_TRUE(test::pollUntil([&] { return task.terminationStatus() == SIGTERM; }, 30));
 
   task.executeInBackground({"/no/such/daemon"});
   EXPECT_NE(
@@ -254,12 +257,16 @@ TEST_F(TaskRunner, BackgroundChildrenAnswerToSuspendResumeAndTerminate) {
 }
 
 TEST_F(TaskRunner, AThousandRunsLeaveNoDescriptorAndNoChildBehind) {
+  const auto openDescriptors = [] {
+    const fs::directory_iterator entries("/proc/self/fd");
+    return std::distance(fs::begin(entries), fs::end(entries));
+  };
   VKLocalTask task;
-  Recorder recorder(true);
+  Recorder recorder;
   VKLocalTask streaming;
   streaming.setDelegate(recorder.delegate);
   const std::string notExecutable = root_.write("plain", "echo never\n", 0644).string();
-  const std::size_t before = openDescriptors();
+  const auto before = openDescriptors();
   for (int i = 0; i < 250; ++i) {
     EXPECT_EQ(task.execute({"/bin/echo", "x"}), "x");
     EXPECT_EQ(streaming.execute({"/bin/echo", "y"}), "y");
@@ -272,6 +279,11 @@ TEST_F(TaskRunner, AThousandRunsLeaveNoDescriptorAndNoChildBehind) {
 }
 
 TEST_F(TaskRunner, RunningAsAnotherUserKeepsEachWordWhole) {
+  // A quote is escaped with a backslash, which a POSIX shell does not honour inside single
+  // quotes; the client's other programs build their lines the same way.
+  EXPECT_EQ(argumentString({"/bin/echo", "a b", "it's", "$HOME", "tab\t"}),
+            "'/bin/echo' 'a b' 'it\\'s' '$HOME' 'tab\t'");
+  EXPECT_EQ(argumentString({}), "");
   if (::geteuid() != 0) GTEST_SKIP() << "su asks for a password unless run by root";
   fs::create_directories(root_.path() / "usr/bin");
   fs::create_symlink("/usr/bin/su", root_.path() / "usr/bin/su");
@@ -280,7 +292,6 @@ TEST_F(TaskRunner, RunningAsAnotherUserKeepsEachWordWhole) {
   EXPECT_EQ(task.executeAsUser({"/usr/bin/printf", "%s|", "a b", "$HOME", "c"}, "root", &error),
             "a b|$HOME|c|");
   EXPECT_TRUE(error.domain().empty());
-  // A quote is escaped in a way the user's shell does not accept, as the client always did.
   task.executeAsUser({"/bin/echo", "it's"}, "root", &error);
   EXPECT_NE(error.code(), 0);
 }
