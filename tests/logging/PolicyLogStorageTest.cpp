@@ -12,76 +12,34 @@ using Events = std::vector<std::string>;
 
 // The store starts charged 690 bytes, and each event costs 23 more than its text.
 TEST(PolicyLogStorage, KeepsEventsWithinItsBudgetCuttingTheOneThatCrossesIt) {
-  const std::string a100(100, 'a'), b10(10, 'b'), big(100000, 'x');
-  const std::string summary = "[Log data was truncated to a max size of ";
+  const std::string a100(100, 'a'), a41(41, 'a'), b10(10, 'b'), big(100000, 'x');
+  auto summary = [](int budget) {
+    return "[Log data was truncated to a max size of " + std::to_string(budget) + " bytes]";
+  };
+  const std::string e6 = "\u00e9\u00e9\u00e9\u00e9\u00e9\u00e9", e4 = e6.substr(0, 8);
   struct Case {
-    const char* name;
     std::size_t budget;
     Events added, kept;
     bool stopped;
     std::size_t truncatedEvents, truncatedBytes, total;
   } cases[] = {
-      {"no budget: every non-empty event whole",
-       0,
-       {"héllo", "", big},
-       {"héllo", big},
-       false,
-       0,
-       0,
-       690 + 6 + 23 + 100000 + 23},
-      {"the crossing event cut, then a summary",
-       1000,
-       {a100, a100, a100},
-       {a100, a100, std::string(41, 'a'), summary + "1000 bytes]"},
-       true,
-       1,
-       59,
-       1000},
-      {"later events only counted",
-       1000,
-       {a100, a100, a100, a100},
-       {a100, a100, std::string(41, 'a'), summary + "1000 bytes]"},
-       true,
-       2,
-       159,
-       1000},
-      {"landing exactly on the budget: kept, no summary yet", 723, {b10}, {b10}, true, 0, 0, 723},
-      {"the next one is summarised",
-       723,
-       {b10, "next"},
-       {b10, summary + "723 bytes]"},
-       true,
-       1,
-       4,
-       723},
-      {"less room than an event costs: it vanishes uncounted",
-       738,
-       {"12345", "lost"},
-       {"12345"},
-       true,
-       0,
-       0,
-       718},
-      {"the next one is counted",
-       738,
-       {"12345", "lost", "counted"},
-       {"12345", summary + "738 bytes]"},
-       true,
-       1,
-       7,
-       718},
+      // No budget: every non-empty event whole.
+      {0, {"héllo", "", big}, {"héllo", big}, false, 0, 0, 690 + 6 + 23 + 100000 + 23},
+      // The event that crosses the budget is cut and summarised; later ones only counted.
+      {1000, {a100, a100, a100}, {a100, a100, a41, summary(1000)}, true, 1, 59, 1000},
+      {1000, {a100, a100, a100, a100}, {a100, a100, a41, summary(1000)}, true, 2, 159, 1000},
+      // Landing exactly on the budget: kept, no summary until the next one.
+      {723, {b10}, {b10}, true, 0, 0, 723},
+      {723, {b10, "next"}, {b10, summary(723)}, true, 1, 4, 723},
+      // Less room left than an event costs: the next vanishes uncounted, the one after counts.
+      {738, {"12345", "lost"}, {"12345"}, true, 0, 0, 718},
+      {738, {"12345", "lost", "counted"}, {"12345", summary(738)}, true, 1, 7, 718},
       // The room is counted in characters: multi-byte text keeps more bytes than the room.
-      {"cut between characters",
-       717,
-       {"\u00e9\u00e9\u00e9\u00e9\u00e9\u00e9"},
-       {"\u00e9\u00e9\u00e9\u00e9", summary + "717 bytes]"},
-       true,
-       1,
-       4,
-       721},
+      {717, {e6}, {e4, summary(717)}, true, 1, 4, 721},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.added.size());
+    SCOPED_TRACE(c.budget);
     VKPolicyLogStorage storage;
     storage.setMaxPolicyLogBytes(c.budget);
     for (const std::string& event : c.added) storage.addLogEvent(event);
@@ -113,11 +71,8 @@ TEST(PolicyLogStorage, NeverCutsInsideAUserPerceivedCharacter) {
       {"a\U0001F600bc", 2, "a\U0001F600"},
       {"a\U0001F600bc", 3, "a\U0001F600b"},
       {"h\u00e9llo", 40, "h\u00e9llo"},  // past the end: the whole text
-      {"a\xff"
-       "bc",
-       2,
-       "a\xff"
-       "b"},  // a stray byte counts as one character and does not stop the walk
+      // A stray byte counts as one character and does not stop the walk.
+      {std::string("a\xff") + "bc", 2, std::string("a\xff") + "b"},
   };
   for (const Case& c : cases) EXPECT_EQ(cutAfterCharacterAt(c.text, c.index), c.kept) << c.text;
 }
