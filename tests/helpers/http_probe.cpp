@@ -1,9 +1,7 @@
-// Fetches the URL given as its argument and prints the status, or the error code; the
-// set-user-id test runs it with the TLS key-log and proxy variables set.
+// Fetches the URL given as its argument and exits with 0 on a 200; the set-user-id test runs it
+// with the TLS key-log variable set.
 
 #include <unistd.h>
-
-#include <cstdio>
 
 #include "networking/VESKHTTPRequest.h"
 
@@ -11,13 +9,5 @@
 extern "C" int __lsan_is_turned_off() { return geteuid() != getuid(); }
 
 int main(int argc, char** argv) {
-  if (argc != 2) return 2;
-  vesk::VESKHTTPRequest request(argv[1]);
-  try {
-    std::printf("status=%lld\n", static_cast<long long>(request.submitRequest()->responseCode()));
-  } catch (const vesk::Exception& e) {
-    std::printf("error=%lld\n",
-                static_cast<long long>(request.error() ? request.error()->code() : 0));
-  }
-  return 0;
+  return argc == 2 && vesk::VESKHTTPRequest(argv[1]).submitRequest()->responseCode() == 200 ? 0 : 1;
 }
