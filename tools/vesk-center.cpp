@@ -200,6 +200,9 @@ int serve() {
   g_unix_signal_add(SIGINT, stopLoop, nullptr);
   g_unix_signal_add(SIGTERM, stopLoop, nullptr);
   while (!stop) vesk::RunLoop::current().runUntilCondition([] { return stop; }, 3600);
+  // The reply to a post already delivered may still wait in the connection's queue: lost, it
+  // would make the poster report a delivered post as failed, or try a new daemon with it again.
+  g_dbus_connection_flush_sync(vesk::systemBus(), nullptr, nullptr);
   return 0;
 }
 

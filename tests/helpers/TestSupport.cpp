@@ -34,6 +34,36 @@ ProgramResult runProgram(const std::string& path, const std::vector<std::string>
   return result;
 }
 
+std::unique_ptr<ChildProcess> startProgram(const std::string& path,
+                                           const std::vector<std::string>& arguments,
+                                           bool keepInput) {
+  auto child = ChildProcess::launch({path, arguments, environmentWithout({}), StdioMode::kPipe,
+                                     StdioMode::kPipe, StdioMode::kSameAsStdout});
+  if (!keepInput) child->closeInput();
+  return child;
+}
+
+std::unique_ptr<ChildProcess> startAsNobody(const std::string& path,
+                                            std::vector<std::string> arguments, bool keepInput) {
+  arguments.insert(arguments.begin(),
+                   {"--reuid=65534", "--regid=65534", "--clear-groups", "--", path});
+  return startProgram("/usr/bin/setpriv", arguments, keepInput);
+}
+
+std::string whyNobodyCannotRun(const std::string& path) {
+  if (::geteuid() != 0) return "running a program as another user needs root";
+  const bool reachable = startAsNobody("/usr/bin/test", {"-x", path})->waitUntilExit() == 0;
+  return reachable ? "" : "nobody cannot reach " + path;
+}
+
+bool waitForOutput(ChildProcess& child, std::string& output, const std::string& text) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (output.find(text) == std::string::npos)
+    if (std::chrono::steady_clock::now() > deadline || !child.readOutputFor(output, 100))
+      return false;
+  return true;
+}
+
 std::vector<std::string> environmentWithout(const std::vector<std::string>& names) {
   std::vector<std::string> out;
   for (char** e = environ; *e != nullptr; ++e) {

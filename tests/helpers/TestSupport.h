@@ -3,8 +3,13 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
+
+namespace vesk {
+class ChildProcess;
+}
 
 namespace vesk::test {
 
@@ -17,6 +22,21 @@ struct ProgramResult {
 // test's own environment when empty is not wanted, pass it explicitly), and waits for it.
 ProgramResult runProgram(const std::string& path, const std::vector<std::string>& arguments,
                          const std::vector<std::string>& environment, bool mergeStderr = false);
+
+// A program with standard error on the pipe of its output, and its input closed unless the
+// test is to write to it.
+std::unique_ptr<ChildProcess> startProgram(const std::string& path,
+                                           const std::vector<std::string>& arguments,
+                                           bool keepInput = false);
+// `path` with `arguments`, run as nobody through setpriv.
+std::unique_ptr<ChildProcess> startAsNobody(const std::string& path,
+                                            std::vector<std::string> arguments,
+                                            bool keepInput = false);
+// Why a test cannot run `path` as nobody (not root, or nobody cannot reach it); "" when it can.
+std::string whyNobodyCannotRun(const std::string& path);
+// Reads what `child` prints until `output` holds `text`; false when it ended or ten seconds
+// passed first. This thread's loop does not run meanwhile.
+bool waitForOutput(ChildProcess& child, std::string& output, const std::string& text);
 
 // This process's environment without the named variables.
 std::vector<std::string> environmentWithout(const std::vector<std::string>& names);

@@ -1,16 +1,21 @@
 // The client's side of the channel in a process of its own, for the tests.
-//   bus_probe whoami    print the uid the bus knows this process by
-//   bus_probe observe NAME [stall|stall-once]
+//   bus_probe whoami         print the uid the bus knows this process by
+//   bus_probe observe NAME [stall]
 //       observe NAME as an agent does, ending when the bus goes away; print "registered" at
-//       each registration and "performed K" per request (K: its "k"). The loop that answers
-//       the daemon stops for good (stall) or for two seconds at the first request.
+//       each registration and "performed K" per request (K: its "k"). With stall, the loop
+//       that answers the daemon waits at the first request for a line on standard input.
+//   bus_probe notify NAME
+//       send the distributed notification NAME twice on the shared path and once on root's,
+//       print "sent" and the name this process has on the bus once the bus has them, and
+//       stay connected until standard input ends
 
 #include <gio/gio.h>
-#include <unistd.h>
 
 #include <cstdio>
+#include <iostream>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "foundation/RunLoop.h"
 #include "foundation/SelectorTarget.h"
@@ -24,28 +29,21 @@ void say(const std::string& line) {
   std::fflush(stdout);
 }
 
-class Target : public vesk::SelectorTarget {
- public:
-  explicit Target(std::string stall) : stall_(std::move(stall)) {}
+struct Target : vesk::SelectorTarget {
+  explicit Target(bool stall) : stall(stall) {}
   // Runs on the loop that answers the daemon.
   bool respondsToSelector(std::string_view) override {
-    if (stall_ == "stall") ::pause();
-    if (stall_ == "stall-once" && !stalled_) {
-      stalled_ = true;
-      ::sleep(2);
-    }
+    std::string line;
+    if (std::exchange(stall, false)) std::getline(std::cin, line);
     return true;
   }
   void performSelector(std::string_view, const vesk::Dictionary& userInfo) override {
     say("performed " + userInfo["k"].stringValue());
   }
-
- private:
-  const std::string stall_;
-  bool stalled_ = false;
+  bool stall;
 };
 
-int observe(const std::string& name, const std::string& stall) {
+int observe(const std::string& name, bool stall) {
   std::string why;
   if (!vesk::exitWhenSystemBusLost([](const std::string&) {}, &why)) {
     say("no bus: " + why);
@@ -62,18 +60,29 @@ int observe(const std::string& name, const std::string& stall) {
   }
 }
 
+int notify(GDBusConnection* bus, const std::string& name) {
+  for (const char* path :
+       {vesk::kDistributedPath, vesk::kDistributedRootPath, vesk::kDistributedPath})
+    g_dbus_connection_emit_signal(bus, nullptr, path, vesk::kDistributedInterface, "Notification",
+                                  g_variant_new("(ssa{sv})", name.c_str(), "", nullptr), nullptr);
+  vesk::waitForBus(bus);  // the bus takes a connection's messages in order
+  say("sent " + std::string(g_dbus_connection_get_unique_name(bus)));
+  std::string line;
+  std::getline(std::cin, line);  // receivers can learn who sent them only while this lasts
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const std::string what = argc > 1 ? argv[1] : "";
-  if (what == "whoami") {
-    std::string why;
-    GDBusConnection* bus = vesk::systemBus(&why);
-    std::optional<uid_t> uid;
-    if (bus != nullptr) uid = vesk::connectionUnixUser(bus, g_dbus_connection_get_unique_name(bus));
-    say(uid ? "uid " + std::to_string(*uid) : "no bus: " + why);
-    return uid ? 0 : 1;
-  }
-  if (what == "observe" && argc >= 3) return observe(argv[2], argc > 3 ? argv[3] : "");
-  return 2;
+  if (what == "observe" && argc >= 3) return observe(argv[2], argc > 3);
+  std::string why;
+  GDBusConnection* bus = vesk::systemBus(&why);
+  if (bus != nullptr && what == "notify" && argc == 3) return notify(bus, argv[2]);
+  if (what != "whoami") return 2;
+  std::optional<uid_t> uid;
+  if (bus != nullptr) uid = vesk::connectionUnixUser(bus, g_dbus_connection_get_unique_name(bus));
+  say(uid ? "uid " + std::to_string(*uid) : "no bus: " + why);
+  return uid ? 0 : 1;
 }

@@ -9,7 +9,6 @@
 
 #include "fakes/FakeProcessTable.h"
 #include "helpers/TestSupport.h"
-#include "notifications/BusPeers.h"
 #include "platform/ChildProcess.h"
 #include "restrictions/BSDProcessList.h"
 #include "restrictions/EnforceRestrictionsAgentStrategy.h"
@@ -242,7 +241,7 @@ TEST(ProcessText, ReadsTheEffectiveUserAndProcessFolderNames) {
 TEST(EnforcementOnThisMachine, NeverSignalsAPidThatNamesNoProcessOrItself) {
   const std::string probe = std::string(VESK_HELPERS_DIR) + "/kill_probe";
   if (const std::string why = test::whyNobodyCannotRun(probe); !why.empty()) GTEST_SKIP() << why;
-  auto run = test::startProgram("/usr/bin/setpriv", test::asNobody(probe));
+  auto run = test::startAsNobody(probe, {});
   EXPECT_EQ(run->readOutputToEnd(), "alive\n");
   EXPECT_EQ(run->waitUntilExit(), 0);
 }
