@@ -191,11 +191,11 @@ TEST_F(PrefsFileOnDisk, SelectsTheDebugLevelOnlyByTheWordDebugAndOnlyAtStart) {
 
   // The probe logs two extreme lines, setting the level to "info" between them.
   const std::string log = fsPath("/private/var/log/vesk.log");
-  const std::string probe = std::string(VESK_HELPERS_DIR) + "/log_level_probe";
-  ASSERT_EQ(test::runProgram(probe, {}, test::environmentWithout({})).status, 0);
+  const std::string probe = std::string(VESK_HELPERS_DIR) + "/probe";
+  ASSERT_EQ(test::runProgram(probe, {"log-level"}, test::environmentWithout({})).status, 0);
   EXPECT_FALSE(fs::exists(log));  // no preferences: normal level
   VKDefaultsWrapper().writeStringValue("debug", "global_log_level", fsPath(kPath));
-  ASSERT_EQ(test::runProgram(probe, {}, test::environmentWithout({})).status, 0);
+  ASSERT_EQ(test::runProgram(probe, {"log-level"}, test::environmentWithout({})).status, 0);
   const std::string lines = test::readFile(log);
   EXPECT_NE(lines.find("]: [DEBUG] first extreme line\n"), std::string::npos) << lines;
   EXPECT_NE(lines.find("]: [DEBUG] second extreme line\n"), std::string::npos) << lines;

@@ -20,8 +20,9 @@ class Probe {
     std::filesystem::copy_file(std::string(VESK_HELPERS_DIR) + "/" + name, path_);
     ::chmod(folder_.path().c_str(), 0755);
   }
-  test::ProgramResult run(const std::vector<std::string>& environment) const {
-    return test::runProgram(path_.string(), {}, environment);
+  test::ProgramResult run(const std::string& mode,
+                          const std::vector<std::string>& environment) const {
+    return test::runProgram(path_.string(), {mode}, environment);
   }
   // From now on it runs as `uid` (nobody unless told), whoever starts it.
   bool makeSetUserIdNobody(uid_t uid = 65534) const {
@@ -36,20 +37,20 @@ class Probe {
 
 TEST(SetUserId, TheSandboxAndVersionOverridesAreIgnoredAndNotPassedOn) {
   if (::getuid() != 0) GTEST_SKIP() << "needs root to give a program to another user";
-  const Probe probe("env_probe");
+  const Probe probe("probe");
 
   std::vector<std::string> environment = test::environmentWithout({"VESK_ROOT", "VESK_OS_VERSION"});
   environment.push_back("VESK_ROOT=/tmp/elsewhere");
   environment.push_back("VESK_OS_VERSION=10.6.8");
 
   // Without the bit the overrides apply, so the check below can tell the difference.
-  const auto plain = probe.run(environment);
+  const auto plain = probe.run("env", environment);
   EXPECT_EQ(
       plain.output,
       "children see=/tmp/elsewhere\npath=/tmp/elsewhere/usr/bin/gzip\nos=10.6.8\nuid=0 euid=0\n");
 
   ASSERT_TRUE(probe.makeSetUserIdNobody());
-  const auto elevated = probe.run(environment);
+  const auto elevated = probe.run("env", environment);
   if (elevated.output.find("euid=0") != std::string::npos)
     GTEST_SKIP() << "this file system ignores the set-user-id bit";
   EXPECT_EQ(elevated.output,
@@ -59,7 +60,7 @@ TEST(SetUserId, TheSandboxAndVersionOverridesAreIgnoredAndNotPassedOn) {
 
 TEST(SetUserId, ChildrenGetAFixedPathAndNoneOfTheStartersShellSettings) {
   if (::getuid() != 0) GTEST_SKIP() << "needs root to give a program to another user";
-  const Probe probe("task_env_probe");
+  const Probe probe("probe");
   const std::vector<std::string> hostile = {"PATH=/tmp/evil:/usr/bin",
                                             "BASH_ENV=/tmp/evil.sh",
                                             "IFS=x",
@@ -68,12 +69,12 @@ TEST(SetUserId, ChildrenGetAFixedPathAndNoneOfTheStartersShellSettings) {
                                             "LC_ALL=/tmp/evil",
                                             "TERM=xterm"};
 
-  const auto plain = probe.run(hostile);
+  const auto plain = probe.run("task-env", hostile);
   EXPECT_NE(plain.output.find("BASH_ENV=/tmp/evil.sh\n"), std::string::npos) << plain.output;
   EXPECT_NE(plain.output.find("PATH=/tmp/evil:/usr/bin:/usr/local/vesk/bin\n"), std::string::npos);
 
   ASSERT_TRUE(probe.makeSetUserIdNobody());
-  const auto elevated = probe.run(hostile);
+  const auto elevated = probe.run("task-env", hostile);
   if (elevated.output.starts_with("euid=0\n"))
     GTEST_SKIP() << "this file system ignores the set-user-id bit";
   EXPECT_EQ(
