@@ -1,8 +1,7 @@
 // The client's side of the channel in a process of its own, for the tests.
-//   bus_probe whoami         print the uid the bus knows this process by
-//   bus_probe observe NAME [stall]
-//       observe NAME as an agent does, ending when the bus goes away; print "registered" at
-//       each registration and "performed K" per request (K: its "k"). With stall, the loop
+//   bus_probe whoami        print the uid the bus knows this process by
+//   bus_probe observe NAME  observe NAME as an agent does, ending when the bus goes away; print
+//       "registered" at each registration and "performed K" per request (K: its "k"). The loop
 //       that answers the daemon waits at the first request for a line on standard input.
 //   bus_probe notify NAME
 //       send the distributed notification NAME twice on the shared path and once on root's,
@@ -11,7 +10,6 @@
 
 #include <gio/gio.h>
 
-#include <cstdio>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -24,32 +22,25 @@
 
 namespace {
 
-void say(const std::string& line) {
-  std::printf("%s\n", line.c_str());
-  std::fflush(stdout);
-}
+// One write a line: request threads print while the loop does.
+void say(const std::string& line) { std::cout << line + "\n" << std::flush; }
 
 struct Target : vesk::SelectorTarget {
-  explicit Target(bool stall) : stall(stall) {}
   // Runs on the loop that answers the daemon.
   bool respondsToSelector(std::string_view) override {
     std::string line;
-    if (std::exchange(stall, false)) std::getline(std::cin, line);
+    if (!std::exchange(stalled, true)) std::getline(std::cin, line);
     return true;
   }
   void performSelector(std::string_view, const vesk::Dictionary& userInfo) override {
     say("performed " + userInfo["k"].stringValue());
   }
-  bool stall;
+  bool stalled = false;
 };
 
-int observe(const std::string& name, bool stall) {
-  std::string why;
-  if (!vesk::exitWhenSystemBusLost([](const std::string&) {}, &why)) {
-    say("no bus: " + why);
-    return 1;
-  }
-  vesk::DaemonObserverEndpoint endpoint(std::make_shared<Target>(stall), "request:", name,
+int observe(const std::string& name) {
+  if (!vesk::exitWhenSystemBusLost([](const std::string&) {})) return 1;
+  vesk::DaemonObserverEndpoint endpoint(std::make_shared<Target>(), "request:", name,
                                         vesk::kDaemonCenterName);
   vesk::RunLoop& loop = vesk::RunLoop::current();
   std::string last;
@@ -76,7 +67,7 @@ int notify(GDBusConnection* bus, const std::string& name) {
 
 int main(int argc, char** argv) {
   const std::string what = argc > 1 ? argv[1] : "";
-  if (what == "observe" && argc >= 3) return observe(argv[2], argc > 3);
+  if (what == "observe" && argc == 3) return observe(argv[2]);
   std::string why;
   GDBusConnection* bus = vesk::systemBus(&why);
   if (bus != nullptr && what == "notify" && argc == 3) return notify(bus, argv[2]);
