@@ -20,9 +20,6 @@ using test::kResourceSize;
 using test::RawServer;
 using test::TestServer;
 using ::testing::AnyOf;
-using ::testing::StartsWith;
-
-const std::string kResource = test::resourceBytes(kResourceSize);
 
 std::string text(const Data& data) { return std::string(data.begin(), data.end()); }
 
@@ -33,12 +30,12 @@ struct Recorder : VESKHTTPRequestDelegate {
   }
   std::optional<URLCredential> credentialNeededForServerRequest(
       VESKHTTPRequest&, const std::string& fromServer) override {
-    askedFrom.push_back(fromServer);
+    askedFrom += fromServer;  // each time it is asked
     return identity;
   }
   std::vector<double> progress;
   std::optional<URLCredential> identity;
-  std::vector<std::string> askedFrom;
+  std::string askedFrom;
 };
 
 // Runs the request: "" when it succeeds, else the exception's name and reason, after "416 " for
@@ -60,14 +57,24 @@ std::string outcomeOf(VESKHTTPRequest& request) {
                            : text(request.httpResponse()->responseData());
 }
 
+// The named header of each request the server saw after the first `from`, up to its first space:
+// "-" for a request without it, "+" between two of one request.
+std::string seenHeaders(const TestServer& server, std::size_t from, const std::string& name) {
+  std::string seen;
+  const auto requests = server.requests();
+  for (std::size_t r = from; r < requests.size(); ++r) {
+    std::string values;
+    for (std::size_t i = 0; i < requests[r].get_header_value_count(name); ++i) {
+      const std::string value = requests[r].get_header_value(name, i);
+      values += (i > 0 ? "+" : "") + value.substr(0, value.find(' '));
+    }
+    seen += (r > from ? " " : "") + (values.empty() ? "-" : values);
+  }
+  return seen;
+}
+
 class HTTPRequestTest : public ::testing::Test {
  protected:
-  // Made once, for the tests that speak TLS; VESK_ROOT then names a root that trusts their CA.
-  static const test::TestCertificates& certificates() {
-    static const test::TestCertificates made;
-    ::setenv("VESK_ROOT", made.trustingRoot().c_str(), 1);
-    return made;
-  }
   std::string path(const std::string& name) const { return (folder.path() / name).string(); }
 
   test::TemporaryFolder folder;
@@ -79,80 +86,64 @@ TEST_F(HTTPRequestTest, DownloadsEndWithTheWholeBodyOrAFailureAndTheRightFile) {
   TestServer server(nullptr, TestServer::Identity::None);
   const std::string precious = folder.write("precious", "keep me").string();
   std::filesystem::create_symlink(precious, path("link.bin"));
-  folder.write("plain-file", "x");
-  auto failure = [](const char* domain, long code, const std::string& description) {
-    return fmt::format("Networking Error: Connection failure: \"Error Domain={} Code={} \"{}\"\"",
-                       domain, code, description);
+  folder.write("plain", "x");
+  const std::string failed = "Networking Error: Connection failure: \"Error Domain=";
+  auto status = [&](int code) {
+    return fmt::format("{0} Code={1} \"The operation couldn\u2019t be completed. ( error {1}.)\"\"",
+                       failed, code);
   };
-  auto statusFailure = [&](long code) {
-    return failure("", code,
-                   fmt::format("The operation couldn\u2019t be completed. ( error {}.)", code));
-  };
-  auto urlFailure = [&](long code, const char* description) {
-    return failure("NSURLErrorDomain", code, description);
-  };
-  const std::string unreadable = urlFailure(
-      kURLErrorBadServerResponse, "The server returned a response that could not be read.");
-  const std::string lost =
-      urlFailure(kURLErrorNetworkConnectionLost, "The network connection was lost.");
+  const std::string url = failed + "NSURLErrorDomain Code=";
+  const std::string unreadable =
+      url + "-1011 \"The server returned a response that could not be read.\"\"";
+  const std::string lost = url + "-1005 \"The network connection was lost.\"\"";
   const std::string unopenable = "URL Download Error: Unable to initialize output file ";
-  const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n";
-  const std::string noFile = "(no file)";
-  using Raw = RawServer::Ending;
+  const std::string ok = "HTTP/1.1 200 OK\r\n", head = ok + "Content-Length: 1000\r\n\r\n";
+  const std::string whole = test::resourceBytes(kResourceSize);
+  const std::string none = "(no file)", part(400, 'b'), huge(1 << 20, 'h');
+  const std::int64_t past = kResourceSize + 10;
   struct Download {
-    const char* name;
-    std::string resource;  // on the test server, or a raw server's reply
+    std::string resource;  // on the test server, or else a raw server's reply
     std::string file;      // "" for a download into memory
     std::string held;      // written to the file beforehand, unless ""
-    std::int64_t resumeFrom;
-    std::int64_t status;
+    std::int64_t resumeFrom, status;
     std::string failure;  // as failureOf gives it
-    std::string ranges;   // the Range header of each request the test server saw, "-" for none
+    std::string ranges;   // as seenHeaders gives them
     std::string after;    // what the file holds afterwards, or the body in memory
-    std::optional<Raw> raw = std::nullopt;  // how a raw server ends after its reply
+    RawServer::Ending ending = RawServer::Ending::Close;
   };
   const std::vector<Download> downloads = {
-      {"into memory", "/file", "", "", 0, 200, "", "-", kResource},
-      {"redirected", "/redirect", "", "", 0, 200, "", "- -", kResource},
-      {"resumed", "/file", "resumed.bin", kResource.substr(0, 1000), 1000, 206, "", "bytes=1000-",
-       kResource},
-      {"range ignored", "/ignore-range", "restart.bin", std::string(1000, 'J'), 1000, 200, "",
-       "bytes=1000-", kResource},
-      {"range ignored in memory", "/ignore-range", "", "", 1000, 200, "", "bytes=1000-", kResource},
-      {"416 starts the file over once, plainly", "/file", "stale.bin",
-       std::string(kResourceSize + 10, 'S'), kResourceSize + 10, 200, "", "bytes=262154- -",
-       kResource},
-      {"416 in memory", "/file", "", "", kResourceSize + 10, 416, "416 " + statusFailure(416),
-       "bytes=262154-", ""},
-      {"404 leaves no empty file", "/status/404", "nothing/here.bin", "", 0, 404,
-       statusFailure(404), "-", noFile},
-      {"500 keeps a partial file", "/status/500", "partial.bin", "0123456789", 10, 500,
-       statusFailure(500), "bytes=10-", "0123456789"},
-      {"file that cannot be opened", "/file", "plain-file/inside.bin", "", 0, 0,
-       unopenable + path("plain-file/inside.bin"), "", noFile},
-      {"resumed through a link", "/file", "link.bin", "", 7, 0, unopenable + path("link.bin"), "",
-       "keep me"},
-      {"link replaced by a fresh download", "/file", "link.bin", "", 0, 200, "", "-", kResource},
-      {"malformed status line", "HTTP/1.1 two hundred\r\n\r\nbody", "bad.bin", "", 0, 0, unreadable,
-       "", noFile, Raw::Close},
-      {"not HTTP at all", "SSH-2.0-OpenSSH\r\n", "ssh.bin", "", 0, 0, unreadable, "", noFile,
-       Raw::Close},
-      {"1 MB header", "HTTP/1.1 200 OK\r\nX-Big: " + std::string(1 << 20, 'h') + "\r\n\r\n",
-       "big.bin", "", 0, 0, unreadable, "", noFile, Raw::Close},
-      {"short body", head + std::string(400, 'b'), "short.bin", "", 0, 200, lost, "",
-       std::string(400, 'b'), Raw::Close},
-      {"reset mid-body", head + std::string(400, 'b'), "reset.bin", "", 0, 200, lost, "",
-       std::string(400, 'b'), Raw::Reset},
-      {"nothing at all", "", "empty.bin", "", 0, 0, lost, "", noFile, Raw::Close},
+      {"/file", "", "", 0, 200, "", "-", whole},
+      {"/redirect", "", "", 0, 200, "", "- -", whole},
+      {"/file", "resumed.bin", whole.substr(0, 1000), 1000, 206, "", "bytes=1000-", whole},
+      // A server that ignores the range sends it all: the file starts over.
+      {"/ignore-range", "restart.bin", std::string(1000, 'J'), 1000, 200, "", "bytes=1000-", whole},
+      {"/ignore-range", "", "", 1000, 200, "", "bytes=1000-", whole},
+      // A range past the end: a file starts over once, by a plain request; memory raises 416.
+      {"/file", "stale.bin", std::string(past, 'S'), past, 200, "", "bytes=262154- -", whole},
+      {"/file", "", "", past, 416, "416 " + status(416), "bytes=262154-", ""},
+      // A failure leaves no empty file, but keeps a partial one for a later resume.
+      {"/status/404", "nothing/here.bin", "", 0, 404, status(404), "-", none},
+      {"/status/500", "partial.bin", "0123456789", 10, 500, status(500), "bytes=10-", "0123456789"},
+      // Links are never followed, only replaced by a fresh download.
+      {"/file", "plain/in.bin", "", 0, 0, unopenable + path("plain/in.bin"), "", none},
+      {"/file", "link.bin", "", 7, 0, unopenable + path("link.bin"), "", "keep me"},
+      {"/file", "link.bin", "", 0, 200, "", "-", whole},
+      // Raw replies that are not HTTP, or that end before the body does.
+      {"HTTP/1.1 two hundred\r\n\r\nbody", "bad.bin", "", 0, 0, unreadable, "", none},
+      {"SSH-2.0-OpenSSH\r\n", "ssh.bin", "", 0, 0, unreadable, "", none},
+      {ok + "X: " + huge + "\r\n\r\n", "big.bin", "", 0, 0, unreadable, "", none},
+      {head + part, "short.bin", "", 0, 200, lost, "", part},
+      {head + part, "reset.bin", "", 0, 200, lost, "", part, RawServer::Ending::Reset},
+      {"", "empty.bin", "", 0, 0, lost, "", none},
   };
   for (const Download& d : downloads) {
-    SCOPED_TRACE(d.name);
+    SCOPED_TRACE(fmt::format("{:.24} into '{}' from {}", d.resource, d.file, d.resumeFrom));
     const std::size_t before = server.requests().size();
     std::optional<RawServer> raw;
-    if (d.raw) raw.emplace(d.resource, *d.raw);
-    auto progress = std::make_shared<Recorder>();
+    if (!d.resource.starts_with("/")) raw.emplace(d.resource, d.ending);
     VESKHTTPRequest request(raw ? raw->url() : server.url(d.resource));
-    request.setDelegate(progress);
+    recorder->progress.clear();
+    request.setDelegate(recorder);
     if (!d.file.empty()) request.setDownloadFilePath(path(d.file));
     if (!d.held.empty()) folder.write(d.file, d.held);
     request.setResumeFromLocation(d.resumeFrom);
@@ -160,26 +151,18 @@ TEST_F(HTTPRequestTest, DownloadsEndWithTheWholeBodyOrAFailureAndTheRightFile) {
     EXPECT_EQ(failureOf(request), d.failure);
     const auto response = request.httpResponse();
     EXPECT_EQ(response->responseCode(), d.status);
-    const auto seen = server.requests();
-    std::string ranges;
-    for (std::size_t i = before; i < seen.size(); ++i) {
-      const std::string range = seen[i].get_header_value("Range");
-      ranges += (ranges.empty() ? "" : " ") + (range.empty() ? "-" : range);
-    }
-    EXPECT_EQ(ranges, d.ranges);
-    EXPECT_TRUE(text(response->responseData()) == (d.file.empty() ? d.after : ""));
-    if (!d.file.empty() && d.after == noFile) {
-      EXPECT_FALSE(std::filesystem::exists(path(d.file)));
-    } else if (!d.file.empty()) {
-      EXPECT_TRUE(test::readFile(path(d.file)) == d.after);
-    }
-    if (d.failure.empty()) {  // counted from the offset when the range was served
-      EXPECT_EQ(response->bytesDownloaded(), kResourceSize);
-      EXPECT_EQ(request.expectedContentLength(), kResourceSize);
-      ASSERT_FALSE(progress->progress.empty());
-      EXPECT_DOUBLE_EQ(progress->progress.back(), 100.0);
-      EXPECT_TRUE(std::is_sorted(progress->progress.begin(), progress->progress.end()));
-    }
+    EXPECT_EQ(seenHeaders(server, before, "Range"), d.ranges);
+    const std::string body = text(response->responseData()), file = path(d.file);
+    const bool exists = std::filesystem::exists(file);
+    EXPECT_TRUE((d.file.empty() ? body : exists ? test::readFile(file) : none) == d.after);
+    EXPECT_TRUE(d.file.empty() || body.empty());  // a file download keeps nothing in memory
+    if (!d.failure.empty()) continue;
+    // Counted from the offset when the range was served.
+    EXPECT_EQ(response->bytesDownloaded(), kResourceSize);
+    EXPECT_EQ(request.expectedContentLength(), kResourceSize);
+    const auto& progress = recorder->progress;
+    EXPECT_TRUE(!progress.empty() && progress.back() == 100.0);
+    EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));
   }
   EXPECT_EQ(test::readFile(precious), "keep me");
 }
@@ -187,49 +170,41 @@ TEST_F(HTTPRequestTest, DownloadsEndWithTheWholeBodyOrAFailureAndTheRightFile) {
 TEST_F(HTTPRequestTest, BasicAndDigestAnswerWithTheCredentialsOnlyWhenBothAreSet) {
   TestServer server(nullptr, TestServer::Identity::None);
   const std::string cancelled = std::to_string(kURLErrorUserCancelledAuthentication);
-  for (const std::string resource : {"/basic", "/digest"}) {
-    struct Attempt {
-      std::string user;
-      std::optional<std::string> password;
-      std::string outcome;  // as outcomeOf gives it
-    };
-    const std::vector<Attempt> attempts = {
-        {test::kUser, test::kPassword, resource.substr(1) + " ok"},
-        {test::kUser, std::nullopt, "401"},  // nothing is sent: the 401 is the answer
-        {"", "only a password", "401"},
-        // A credential the server refuses is tried once, then the challenge is cancelled; an
-        // empty password is a password.
-        {test::kUser, "wrong", cancelled},
-        {test::kUser, "", cancelled},
-    };
-    for (const Attempt& attempt : attempts) {
-      SCOPED_TRACE(resource + " " + attempt.user + ":" + attempt.password.value_or("(none)"));
-      VESKHTTPRequest request(server.url(resource));
-      request.setUsername(attempt.user);
-      request.setPassword(attempt.password);
-      EXPECT_EQ(outcomeOf(request), attempt.outcome);
-    }
+  struct Attempt {
+    std::string resource, user;
+    std::optional<std::string> password;
+    std::string outcome;  // as outcomeOf gives it
+    std::string schemes;  // of the Authorization headers, as seenHeaders gives them
+  };
+  const std::vector<Attempt> attempts = {
+      // Basic goes out before any challenge, and only with a user and a password.
+      {"/basic", test::kUser, test::kPassword, "basic ok", "Basic"},
+      {"/basic", test::kUser, std::nullopt, "401", "-"},
+      {"/basic", "", "only a password", "401", "-"},
+      // A refused credential is tried once, then the challenge is cancelled; "" is a password.
+      {"/basic", test::kUser, "wrong", cancelled, "Basic Basic"},
+      {"/basic", test::kUser, "", cancelled, "Basic Basic"},
+      // Offered Basic first, it answers by Digest, in place of (never beside) the Basic it sent.
+      {"/digest", test::kUser, test::kPassword, "digest ok", "Basic - Digest"},
+      {"/digest", test::kUser, "wrong", cancelled, "Basic - Digest"},
+      {"/digest", test::kUser, "", cancelled, "Basic - Digest"},
+  };
+  for (const Attempt& a : attempts) {
+    SCOPED_TRACE(a.resource + " " + a.user + ":" + a.password.value_or("(none)"));
+    const std::size_t before = server.requests().size();
+    VESKHTTPRequest request(server.url(a.resource));
+    request.setUsername(a.user);
+    request.setPassword(a.password);
+    EXPECT_EQ(outcomeOf(request), a.outcome);
+    EXPECT_EQ(seenHeaders(server, before, "Authorization"), a.schemes);
   }
-  const auto seen = server.requests();
-  // Basic goes out before any challenge: the good request needed one exchange, and the two
-  // without a full credential sent none.
-  ASSERT_GT(seen.size(), 3u);
-  EXPECT_THAT(seen[0].get_header_value("Authorization"), StartsWith("Basic "));
-  EXPECT_FALSE(seen[1].has_header("Authorization") || seen[2].has_header("Authorization"));
-  // One Digest answer per wrong or good credential, though the server offers Basic too; and
-  // never a second Authorization header beside it.
-  std::size_t digestAnswers = 0;
-  for (const auto& request : seen) {
-    digestAnswers += request.get_header_value("Authorization").rfind("Digest ", 0) == 0;
-    EXPECT_LE(request.get_header_value_count("Authorization"), 1u) << request.path;
-  }
-  EXPECT_EQ(digestAnswers, 3u);
 }
 
 // Who trusts whom: a server by the trust bundle and its name, unless invalid certificates are
 // allowed; the client by an identity only the delegate gives, and only for the server named.
 TEST_F(HTTPRequestTest, TrustAndClientIdentityFollowTheBundleTheNameAndTheDelegate) {
-  const auto& certificates = HTTPRequestTest::certificates();
+  const test::TestCertificates certificates;
+  ::setenv("VESK_ROOT", certificates.trustingRoot().c_str(), 1);  // a root that trusts our CA
   TestServer selfSigned(&certificates, TestServer::Identity::SelfSigned);
   TestServer signed_(&certificates, TestServer::Identity::CASigned);
   TestServer asking(&certificates, TestServer::Identity::CASigned, true);
@@ -271,8 +246,7 @@ TEST_F(HTTPRequestTest, TrustAndClientIdentityFollowTheBundleTheNameAndTheDelega
     request.setDelegate(recorder);
     request.setKsvAddressForCredential(c.address);
     EXPECT_EQ(outcomeOf(request), c.outcome);
-    EXPECT_EQ(recorder->askedFrom,
-              c.address.empty() ? std::vector<std::string>{} : std::vector{c.address});
+    EXPECT_EQ(recorder->askedFrom, c.address);
     if (c.outcome != untrusted) continue;
     EXPECT_EQ(request.httpResponse()->responseCode(), 403);
     EXPECT_EQ(
@@ -299,14 +273,12 @@ TEST_F(HTTPRequestTest, FileBodyIsStreamedWithItsHeadersAndUploadProgress) {
   VESKHTTPRequest xml(server.url("/echo"), Data{'<', 'a', '/', '>'});
   EXPECT_EQ(text(xml.submitRequest()->responseData()), "<a/>");
 
+  ASSERT_EQ(seenHeaders(server, 0, "Content-Length"), "300000 4");  // the two requests
   const auto seen = server.requests();
-  ASSERT_EQ(seen.size(), 2u);
   EXPECT_EQ(seen[0].get_header_value("Content-Type"), "multipart/form-data; charset=utf-8");
-  EXPECT_EQ(seen[0].get_header_value("Content-Length"), "300000");
-  EXPECT_FALSE(seen[0].has_header("Expect"));
-  EXPECT_EQ(seen[0].get_header_value_count("X-Custom"), 1u);
-  EXPECT_EQ(seen[0].get_header_value("X-Custom"), "two");
   EXPECT_EQ(seen[1].get_header_value("Content-Type"), "application/xml; charset=utf-8");
+  EXPECT_EQ(seenHeaders(server, 0, "X-Custom"), "two -");  // once, the later value
+  EXPECT_EQ(seenHeaders(server, 0, "Expect"), "- -");
 }
 
 TEST_F(HTTPRequestTest, IdleServerTimesOutButASlowBodyDoesNot) {
@@ -316,7 +288,6 @@ TEST_F(HTTPRequestTest, IdleServerTimesOutButASlowBodyDoesNot) {
   EXPECT_EQ(
       failureOf(request),
       "Networking Error: Connection failure: \"Error Domain=NSURLErrorDomain Code=-1001 \"The request timed out.\"\"");
-  EXPECT_EQ(request.urlRequest().timeoutInterval(), 1);
 
   // The time-out is for silence: a body that keeps coming may take longer as a whole.
   TestServer server(nullptr, TestServer::Identity::None);
@@ -330,15 +301,14 @@ struct Releaser : Recorder, std::enable_shared_from_this<Releaser> {
   void notifyCompletedForRequest(VESKHTTPRequest& request) override {
     ended.emplace_back(request.httpResponse()->responseCode(), std::this_thread::get_id());
     owned.reset();
-    if (!urls.empty()) start();
+    if (!next.empty()) start(std::exchange(next, ""));
   }
-  void start() {
-    owned = std::make_unique<VESKHTTPRequest>(urls.front());
-    urls.erase(urls.begin());
+  void start(const std::string& url) {
+    owned = std::make_unique<VESKHTTPRequest>(url);
     owned->setDelegate(weak_from_this());
     owned->asyncSubmitRequest();
   }
-  std::vector<std::string> urls;
+  std::string next;  // started when the running one ends
   std::unique_ptr<VESKHTTPRequest> owned;
   std::vector<std::pair<std::int64_t, std::thread::id>> ended;  // the status, and where
 };
@@ -347,14 +317,13 @@ TEST_F(HTTPRequestTest, CompletionComesOnTheSubmittingThreadAndMayReleaseTheRequ
   TestServer server(nullptr, TestServer::Identity::None);
   auto run = [&] {
     auto releaser = std::make_shared<Releaser>();
-    releaser->urls = {server.url("/status/404"), server.url("/file")};
-    releaser->start();
+    releaser->next = server.url("/file");
+    releaser->start(server.url("/status/404"));
     EXPECT_TRUE(releaser->ended.empty());  // nothing before the loop runs
     EXPECT_TRUE(
         RunLoop::current().runUntilCondition([&] { return releaser->ended.size() == 2; }, 30));
     const auto here = std::this_thread::get_id();
     EXPECT_EQ(releaser->ended, (decltype(releaser->ended){{404, here}, {200, here}}));
-    EXPECT_FALSE(releaser->owned);
   };
   run();
   std::thread(run).join();  // on a worker's loop, while this thread's stays idle
@@ -368,12 +337,10 @@ TEST_F(HTTPRequestTest, OnlyHttpAndHttpsUrlsAreFetchedAndNeverThroughAProxy) {
         << url;
   }
   TestServer server(nullptr, TestServer::Identity::None);
-  RawServer proxy("HTTP/1.1 502 Bad Gateway\r\nContent-Length: 0\r\n\r\n",
-                  RawServer::Ending::Close);
   for (const char* name : {"http_proxy", "HTTPS_PROXY", "ALL_PROXY"})
-    ::setenv(name, proxy.url().c_str(), 1);
+    ::setenv(name, "http://127.0.0.1:9", 1);  // a port nobody listens on
   VESKHTTPRequest request(server.url("/file"));
-  EXPECT_EQ(request.submitRequest()->responseCode(), 200);  // not the proxy's 502
+  EXPECT_EQ(request.submitRequest()->responseCode(), 200);
 }
 
 // The agent is installed set-user-id root: whoever starts it must not make it write the TLS

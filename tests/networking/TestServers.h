@@ -39,26 +39,14 @@ inline constexpr std::size_t kBigResourceSize = 100u * 1024 * 1024;
 inline constexpr const char* kUser = "admin";
 inline constexpr const char* kPassword = "pa$$ \"word\"";
 
-// An HTTP or HTTPS server on 127.0.0.1 (cpp-httplib) on a port of its own, serving:
-//   /file          the resource, with ranges (206) and 416 for a range past its end
-//   /ignore-range  the resource, always whole with 200
-//   /redirect      302 to /file
-//   /status/N      an empty answer with status N
-//   /basic         "basic ok" for kUser/kPassword by Basic, else 401
-//   /digest        "digest ok" for kUser/kPassword by Digest, else a 401 offering Basic too
-//   /whoami        the client certificate's subject, or "anonymous"
-//   /slow          16 pieces of 500 bytes, 100 ms apart
-//   /big           kBigResourceSize bytes, for the download benchmark
-//   POST /echo     the body back
+// An HTTP or HTTPS server on 127.0.0.1 (cpp-httplib), port of its own. Routes (TestServers.cpp):
+// /file, /ignore-range, /redirect, /status/N, /basic, /digest, /whoami, /slow, /big, POST /echo.
 class TestServer {
  public:
   enum class Identity { None, CASigned, SelfSigned };
   TestServer(const TestCertificates* certificates, Identity identity,
              bool requireClientCertificate = false);
-  ~TestServer() {
-    server_->stop();
-    thread_.join();
-  }
+  ~TestServer() { server_->stop(); }
   std::string url(const std::string& path, const std::string& host = "127.0.0.1") const {
     return scheme_ + "://" + host + ":" + std::to_string(port_) + path;
   }
@@ -72,13 +60,14 @@ class TestServer {
   std::unique_ptr<httplib::Server> server_;
   std::string scheme_ = "http";
   int port_ = 0;
-  std::thread thread_;
   mutable std::mutex mutex_;
   std::vector<httplib::Request> seen_;
+  std::jthread thread_;  // last, so that it ends before what the handlers use goes
 };
 
 // A plain TCP server on 127.0.0.1 that reads one request head per connection, answers with
-// fixed bytes, then closes, resets, or keeps the connection open without a word.
+// fixed bytes, then closes or resets it; or that hangs: never accepts a connection (the system
+// does) and so never says a word.
 class RawServer {
  public:
   enum class Ending { Close, Reset, Hang };
@@ -87,12 +76,8 @@ class RawServer {
   std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/raw"; }
 
  private:
-  void serve();
-  std::string reply_;
-  Ending ending_;
   int listener_ = -1;
   int port_ = 0;
-  std::vector<int> open_;
   std::thread thread_;
 };
 
