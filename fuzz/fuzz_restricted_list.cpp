@@ -1,9 +1,13 @@
 // The restricted list the daemon leaves in a file, and matching its entries against paths.
 
+#include <fnmatch.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 
+#include "foundation/StringHelpers.h"
 #include "restrictions/BlacklistedSoftwareHelper.h"
 #include "restrictions/EnforceRestrictionsAgentStrategy.h"
 
@@ -16,6 +20,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     vesk::EnforceRestrictionsAgentStrategy::blacklistProcess(key, path, true);
     vesk::EnforceRestrictionsAgentStrategy::blacklistProcess(key, key, item.requireExactMatch());
     (void)item.description();
+    // A pattern compared as text must answer as the shell-pattern match would.
+    const auto prepared = vesk::EnforceRestrictionsAgentStrategy::preparePattern(key);
+    const std::string subject = vesk::lowercaseString(path);
+    if (!prepared.overBroad &&
+        prepared.matches(subject) != (::fnmatch(prepared.pattern.c_str(), subject.c_str(), 0) == 0))
+      std::abort();
   }
   return 0;
 }

@@ -1,11 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <filesystem>
-#include <thread>
 
 #include "foundation/Error.h"
-#include "foundation/Format.h"
 #include "foundation/PropertyList.h"
 #include "foundation/PropertyListLimits.h"
 #include "foundation/RunLoop.h"
@@ -112,22 +109,6 @@ TEST(OperatingSystemVersion, ComparesPartByPartAsNumbers) {
   }
   EXPECT_EQ(VESKOperatingSystem("10.9.5 (13F34)").parts(), (std::vector<std::int64_t>{10, 9, 5}));
   EXPECT_EQ(VESKOperatingSystem(" 10.8\n").parts(), (std::vector<std::int64_t>{10, 8}));
-}
-
-TEST(ErrorText, FallsBackToTheDomainAndCodeWithoutALocalizedDescription) {
-  const Error plain("com.vesksoftware.task.errors", 3);
-  EXPECT_EQ(plain.localizedDescription(),
-            "The operation couldn\u2019t be completed. (com.vesksoftware.task.errors error 3.)");
-  EXPECT_EQ(plain.description(),
-            "Error Domain=com.vesksoftware.task.errors Code=3 \"The operation couldn\u2019t be "
-            "completed. (com.vesksoftware.task.errors error 3.)\"");
-
-  const Error described("com.vesksoftware.expect.script.errors", -1000,
-                        {{"NSLocalizedDescription", "spawn failed"}});
-  EXPECT_EQ(described.localizedDescription(), "spawn failed");
-  EXPECT_EQ(described.description(),
-            "Error Domain=com.vesksoftware.expect.script.errors Code=-1000 \"spawn failed\"");
-  EXPECT_EQ(fmt::format("{}", described), described.description());
 }
 
 TEST(ValueConversions, FollowThePlatformsStringAndNumberRules) {
@@ -322,29 +303,6 @@ TEST(RunLoop, FiresTimersUntilInvalidatedEvenFromTheirOwnCallback) {
   EXPECT_FALSE(cancelled);
   EXPECT_FALSE(repeating->isValid());
   EXPECT_FALSE(single->isValid());
-}
-
-TEST(RunLoop, RunsNestedAndTakesWorkFromOtherThreads) {
-  RunLoop& loop = RunLoop::current();
-  std::atomic<int> posted{0};
-  bool innerRan = false;
-  loop.post([&] {
-    // A handler that runs the loop again still sees work from elsewhere.
-    std::thread([&] { loop.post([&] { innerRan = true; }); }).join();
-    loop.runUntilCondition([&] { return innerRan; }, 10);
-    ++posted;
-  });
-  ASSERT_TRUE(loop.runUntilCondition([&] { return posted == 1; }, 10));
-  EXPECT_TRUE(innerRan);
-
-  // Another thread has a loop of its own.
-  std::thread([&] {
-    RunLoop& own = RunLoop::current();
-    EXPECT_NE(own.context(), loop.context());
-    bool ran = false;
-    own.post([&] { ran = true; });
-    EXPECT_TRUE(own.runUntilCondition([&] { return ran; }, 10));
-  }).join();
 }
 
 }  // namespace

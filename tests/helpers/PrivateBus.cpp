@@ -9,7 +9,7 @@
 
 namespace vesk::test {
 
-PrivateBus::PrivateBus() {
+PrivateBus::PrivateBus(bool withClientsPolicy) {
   ::chmod(folder_.path().c_str(), 0755);
   const std::string socket = (folder_.path() / "system_bus_socket").string();
   // The system bus's own defaults: anyone may connect and send signals; names and method
@@ -36,10 +36,11 @@ PrivateBus::PrivateBus() {
           "    <allow receive_type=\"error\"/>\n"
           "    <allow receive_type=\"signal\"/>\n"
           "    <allow send_destination=\"org.freedesktop.DBus\"\n"
-          "           send_interface=\"org.freedesktop.DBus\"/>\n"
-          "  </policy>\n"
-          "  <include>" VESK_DBUS_POLICY
-          "</include>\n"
+          "           send_interface=\"org.freedesktop.DBus\"/>\n" +
+          std::string(withClientsPolicy
+                          ? "  </policy>\n  <include>" VESK_DBUS_POLICY "</include>\n"
+                          : "    <allow own=\"*\"/><allow send_type=\"method_call\"/>\n"
+                            "  </policy>\n") +
           "</busconfig>\n");
   start();
 }

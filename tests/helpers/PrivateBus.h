@@ -12,11 +12,12 @@ class ChildProcess;
 namespace vesk::test {
 
 // A dbus-daemon of the test's own, configured as a system bus with the client's production
-// policy, on a socket in a temporary folder that any user may reach. While it lives,
-// DBUS_SYSTEM_BUS_ADDRESS points this process, and the children it starts, to it.
+// policy (or, without it, one that lets anyone own any name and call anyone), on a socket in
+// a temporary folder that any user may reach. While it lives, DBUS_SYSTEM_BUS_ADDRESS points
+// this process, and the children it starts, to it.
 class PrivateBus {
  public:
-  PrivateBus();
+  explicit PrivateBus(bool withClientsPolicy = true);
   ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;

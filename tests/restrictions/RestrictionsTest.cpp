@@ -1,4 +1,3 @@
-#include <fnmatch.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/wait.h>
@@ -7,7 +6,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <random>
 
 #include "fakes/FakeProcessTable.h"
 #include "foundation/Paths.h"
@@ -101,31 +99,8 @@ TEST(RestrictedList, LoadsTheDaemonsFileAndNothingWhenItIsMissingOrNotText) {
   test::TemporaryFolder root;
   ::setenv("VESK_ROOT", root.path().c_str(), 1);
   EXPECT_TRUE(BlacklistedSoftwareHelper::loadBlacklistedSoftware().empty());
-  const std::string file = "Library/Application Support/VESK/.blacklist.xml";
-  root.write(file, document(entry("Chess")));
-  EXPECT_EQ(keys(BlacklistedSoftwareHelper::loadBlacklistedSoftware()),
-            std::vector<std::string>{"*Chess*"});
-  root.write(file, document(entry("Ch\xff"
-                                  "ess")));
+  root.write("Library/Application Support/VESK/.blacklist.xml", document(entry("Ch\xffss")));
   EXPECT_TRUE(BlacklistedSoftwareHelper::loadBlacklistedSoftware().empty());
-}
-
-// A pattern compared as text answers as the shell-pattern match would, whatever it holds.
-TEST(RestrictedList, PreparedPatternsAnswerAsTheShellMatchWould) {
-  const std::string pieces[] = {"*",    "?", "[",  "]",        "!",    "/",
-                                ".app", "a", "\\", "\xc3\xa9", "\xff", "b"};
-  std::mt19937 random(12345);
-  for (int round = 0; round < 20000; ++round) {
-    std::string pattern, path;
-    for (int i = static_cast<int>(random() % 10); i > 0; --i) pattern += pieces[random() % 12];
-    for (int i = static_cast<int>(random() % 14); i > 0; --i) path += pieces[random() % 12];
-    const auto prepared = EnforceRestrictionsAgentStrategy::preparePattern(pattern);
-    const std::string subject = lowercaseString(path);
-    if (prepared.overBroad) continue;
-    ASSERT_EQ(prepared.matches(subject),
-              ::fnmatch(prepared.pattern.c_str(), subject.c_str(), 0) == 0)
-        << "pattern " << pattern << " path " << path;
-  }
 }
 
 namespace fs = std::filesystem;
