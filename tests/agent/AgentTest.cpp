@@ -234,26 +234,5 @@ TEST(Console, VerboseLinesNeedTheVerboseFlagAndDebugLinesNeverAppear) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), " verbose: checking 2 of three\nplain line\n");
 }
 
-TEST(Console, LinesFromManyThreadsNeverInterleave) {
-  constexpr int kThreads = 4;
-  constexpr int kLines = 300;
-  testing::internal::CaptureStdout();
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([t] {
-      const std::string body(2000, static_cast<char>('a' + t));
-      for (int i = 0; i < kLines; ++i) VKLogging::synchronizedPrintln("{}", body);
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  std::istringstream printed(testing::internal::GetCapturedStdout());
-  int lines = 0;
-  for (std::string line; std::getline(printed, line); ++lines) {
-    ASSERT_EQ(line.size(), 2000u);
-    ASSERT_EQ(line.find_first_not_of(line[0]), std::string::npos) << "line " << lines;
-  }
-  EXPECT_EQ(lines, kThreads * kLines);
-}
-
 }  // namespace
 }  // namespace vesk

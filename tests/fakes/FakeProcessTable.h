@@ -10,7 +10,7 @@ namespace vesk::test {
 class FakeProcessTable : public ProcessTable {
  public:
   std::vector<ProcessRecord> listExecutables() override {
-    std::vector<ProcessRecord> listed = processes;
+    std::vector<ProcessRecord> listed = processes;  // without owners, as the system lists them
     for (ProcessRecord& process : listed) process.uid = 0;
     return listed;
   }

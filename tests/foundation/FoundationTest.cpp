@@ -132,20 +132,11 @@ TEST(ValueDescription, PrintsContainersInThePlatformsTextForm) {
                    {"list", Value(Array{Value("a b"), Value(""), Value(true)})},
                    {"bytes", Value(Data{0x0a, 0x0b, 0x0c, 0x0d, 0xff})},
                    {"say", "\"hi\"\n"}};
-  EXPECT_EQ(Value(outer).description(),
-            "{\n"
-            "    System = {\n"
-            "        ComputerName = \"Office Mac\";\n"
-            "        Count = 3;\n"
-            "    };\n"
-            "    bytes = <0a0b0c0d ff>;\n"
-            "    list = (\n"
-            "        \"a b\",\n"
-            "        \"\",\n"
-            "        1\n"
-            "    );\n"
-            "    say = \"\\\"hi\\\"\\n\";\n"
-            "}");
+  EXPECT_EQ(
+      Value(outer).description(),
+      "{\n    System = {\n        ComputerName = \"Office Mac\";\n        Count = 3;\n    };\n"
+      "    bytes = <0a0b0c0d ff>;\n    list = (\n        \"a b\",\n        \"\",\n        1\n    );\n"
+      "    say = \"\\\"hi\\\"\\n\";\n}");
   EXPECT_EQ(Value("plain text").description(), "plain text");
 }
 

@@ -1,13 +1,7 @@
-// What a process of the client does in a situation the tests cannot create inside their own
-// process: `probe MODE`, run as another user, set-user-id, or with a hostile environment.
-//   env        the sandbox path and system version it would use, what its children inherit,
-//              and its user ids
-//   task-env   the environment the client's children get from it
-//   log-level  two extreme log lines, the preferences set to "info" between them
-//   kill       launch records of a killing entry whose pids name no process it may end; run
-//              as an unprivileged user in a session of its own, where a kill of 0 would end
-//              this group and of -1 every process of the user. Prints "alive" when the
-//              sleeping child survived every record.
+// What a process of the client does where the tests' own process cannot be put: run as
+// another user, set-user-id, or with a hostile environment. `probe MODE`: env (paths, system
+// version and ids it would use, what its children inherit), task-env (its children's
+// environment), log-level (two extreme lines around a switch to "info"), kill (below).
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -30,6 +24,9 @@ extern "C" int __lsan_is_turned_off() { return geteuid() != getuid(); }
 
 namespace {
 
+// Launch records of a killing entry whose pids name no process it may end, handled in a session
+// of its own as an unprivileged user: a kill of 0 would end this group, of -1 every process of
+// the user. Prints "alive" when the sleeping child survived them all.
 int handKillRecords() {
   ::setsid();
   const pid_t sleeper = ::fork();
@@ -80,8 +77,7 @@ int main(int argc, char** argv) {
   } else if (mode == "kill") {
     return handKillRecords();
   } else {
-    std::fprintf(stderr, "usage: probe env|task-env|log-level|kill\n");
-    return 2;
+    return 2;  // no such mode
   }
   return 0;
 }

@@ -21,7 +21,6 @@ namespace {
 namespace fs = std::filesystem;
 
 std::string testComputerName() { return "office-mac"; }
-int debugLevel() { return 0; }
 
 TEST(LogLine, ReadsDateComputerProgramAndMessageInTheUsersTimeZone) {
   // 1794811318 is Mon Nov 16 06:41:58 2026 UTC.
@@ -64,11 +63,6 @@ class LogWriter : public ::testing::Test {
   std::string mine(const std::string& message) const {
     return "office-mac vesk[" + std::to_string(::getpid()) + "]: " + message;
   }
-  static mode_t modeOf(const fs::path& path) {
-    struct stat info {};
-    EXPECT_EQ(::stat(path.c_str(), &info), 0) << path;
-    return info.st_mode & 07777;
-  }
 
   test::TemporaryFolder root_;
 };
@@ -76,8 +70,8 @@ class LogWriter : public ::testing::Test {
 TEST_F(LogWriter, CreatesTheFolderAndFileAndAppendsWholeLinesFromManyThreads) {
   VKLogging::logEvent("started {} with {}", "policy", 3);
   EXPECT_EQ(lines(), std::vector<std::string>{mine("started policy with 3")});
-  EXPECT_EQ(modeOf(logFolder()), 0755u);
-  EXPECT_EQ(modeOf(log()), 0755u);
+  EXPECT_EQ(fs::status(logFolder()).permissions(), fs::perms(0755));
+  EXPECT_EQ(fs::status(log()).permissions(), fs::perms(0755));
   struct stat info {};
   if (::stat(log().c_str(), &info) == 0 && ::geteuid() == 0) {
     EXPECT_EQ(info.st_uid, 0u);
@@ -125,7 +119,7 @@ TEST_F(LogWriter, RotatesPastOneHundredMillionBytesShiftingTenGenerations) {
               "generation " + std::to_string(i - 1));
   EXPECT_FALSE(fs::exists(logFolder() / "vesk.log.11.gz"));
   EXPECT_EQ(lines(), std::vector<std::string>{mine("fresh")});
-  EXPECT_EQ(modeOf(log()), 0755u);
+  EXPECT_EQ(fs::status(log()).permissions(), fs::perms(0755));
 }
 
 TEST_F(LogWriter, AGzipThatCannotStartStillLeavesAWorkingLog) {
@@ -144,7 +138,7 @@ TEST_F(LogWriter, ExtremeLinesNeedTheDebugLevel) {
 }
 
 TEST_F(LogWriter, AtTheDebugLevelReadOnceExtremeLinesGoToTheFileOnly) {
-  VKLogging::setLogLevelReader(&debugLevel);
+  VKLogging::setLogLevelReader([] { return 0; });
   testing::internal::CaptureStdout();
   VKLogging::logExtreme("detail {}", 7);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "");

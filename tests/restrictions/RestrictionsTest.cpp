@@ -256,12 +256,12 @@ TEST_F(Enforcement, HandlesEveryMatchingEntryInTheListsOrder) {
 
 TEST_F(Enforcement, ReportsANonKillingMatchOnceUntilAPassFindsItGone) {
   strategy_.setBlacklist(listOf("Chess", false, true));
-  table_.processes = {{500, 0, "/usr/games/Chess"}, {501, 0, "/bin/sh"}, {502, 0, "/bin/sh"}};
+  table_.processes = {{500, 65534, "/usr/games/Chess"}, {501, 0, "/bin/sh"}, {502, 0, "/bin/sh"}};
   strategy_.fewSecondHandler();
   strategy_.fewSecondHandler();  // still running: no second report
   EXPECT_EQ(command_.names(),
             (std::vector<std::string>{kBlacklistEvent, kLaunchingEvent, kLaunchingEvent}));
-  EXPECT_EQ(command_.posts[0].second["Owner"], Value("root"));  // the process's own user
+  EXPECT_EQ(command_.posts[0].second["Owner"], Value("nobody"));  // the process's own user
   EXPECT_TRUE(table_.killed.empty());
   EXPECT_EQ(table_.ownerLookups, 2);  // only the process that matched, once a pass
 
