@@ -27,9 +27,9 @@ class ProcessTable {
   // whose executable cannot be read (a kernel thread, one not ours to look into, one that has
   // just ended) is listed with an empty path.
   virtual std::vector<ProcessRecord> listExecutables() = 0;
-  // The effective user of `pid`, provided it still runs `path`: nullopt when it has ended or
-  // now runs something else (a new image, or a new process under a reused pid). Owner and
-  // path are read from one look at the process, so they never mix two processes.
+  // The effective user of `pid`, provided it runs `path`: nullopt when it has ended or now
+  // runs something else (a new image, or another program under a reused pid). Owner and path
+  // are read from one look at the process, so they never mix two processes.
   virtual std::optional<uid_t> ownerOf(pid_t pid, std::string_view path) = 0;
   // SIGKILL: cannot be caught. Whether it arrived is not reported. A pid below 1 or this
   // process's own is never signalled.

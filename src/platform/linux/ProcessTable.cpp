@@ -66,8 +66,9 @@ class LinuxProcessTable : public ProcessTable {
   std::optional<uid_t> ownerOf(pid_t pid, std::string_view path) override {
     char name[16];
     std::snprintf(name, sizeof name, "/proc/%d", static_cast<int>(pid));
-    // Both answers come through the process's own folder: a pid reused meanwhile has a
-    // folder of its own, and opening this one failed or names the process that was listed.
+    // Both answers come through one open folder, so they are one process's. A pid that
+    // another program took meanwhile shows in the executable; one that the same program took
+    // is that program, which is what the caller goes on to act on.
     const int folder = ::open(name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder < 0) return std::nullopt;
     std::optional<uid_t> uid;
