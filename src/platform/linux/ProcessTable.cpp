@@ -56,7 +56,7 @@ class LinuxProcessTable : public ProcessTable {
       const std::optional<pid_t> pid = pidFromProcName(entry->d_name);
       if (!pid) continue;
       char link[32];
-      std::snprintf(link, sizeof link, "%s/exe", entry->d_name);
+      std::snprintf(link, sizeof link, "%d/exe", static_cast<int>(*pid));
       processes.push_back(ProcessRecord{*pid, 0, executablePath(::dirfd(proc), link)});
     }
     ::closedir(proc);
@@ -64,7 +64,7 @@ class LinuxProcessTable : public ProcessTable {
   }
 
   std::optional<uid_t> ownerOf(pid_t pid, std::string_view path) override {
-    char name[16];
+    char name[32];
     std::snprintf(name, sizeof name, "/proc/%d", static_cast<int>(pid));
     // Both answers come through one open folder, so they are one process's. A pid that
     // another program took meanwhile shows in the executable; one that the same program took
