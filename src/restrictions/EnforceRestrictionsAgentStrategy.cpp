@@ -57,7 +57,7 @@ class EnforceRestrictionsAgentStrategy::SplitPath {
     std::string lower;
   };
 
-  explicit SplitPath(const std::optional<std::string>& path) {
+  explicit SplitPath(std::optional<std::string_view> path) {
     if (path) parts_ = components(*path);
   }
 
@@ -292,12 +292,12 @@ void EnforceRestrictionsAgentStrategy::checkProcessOrApplicationWithAppPath(
     const std::optional<std::string>& appPath, const std::optional<std::string>& username,
     const ProcessSerialNumber& processSerialNbr, pid_t pid) {
   if (compiled_.empty()) return;
-  enforce(matchingEntries(appPath), appPath ? *appPath : std::string(), username, processSerialNbr,
-          pid);
+  static const std::string kNoPath;
+  enforce(matchingEntries(appPath), appPath ? *appPath : kNoPath, username, processSerialNbr, pid);
 }
 
 std::vector<std::size_t> EnforceRestrictionsAgentStrategy::matchingEntries(
-    const std::optional<std::string>& appPath) {
+    std::optional<std::string_view> appPath) {
   SplitPath path(appPath);
   // The entries that match, handled in the list's order as if each had been tested in turn.
   std::vector<std::size_t> matched;

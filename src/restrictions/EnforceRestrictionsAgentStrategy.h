@@ -98,8 +98,9 @@ class EnforceRestrictionsAgentStrategy {
   class SplitPath;
 
   static CompiledEntry compile(const std::string& key, BlacklistedItem& item);
-  // The indexes in compiled_ of the entries whose pattern names `appPath`, in the list's order.
-  std::vector<std::size_t> matchingEntries(const std::optional<std::string>& appPath);
+  // The indexes in compiled_ of the entries whose pattern names `appPath`, in the list's order;
+  // the path is looked at, never copied.
+  std::vector<std::size_t> matchingEntries(std::optional<std::string_view> appPath);
   // What the matched entries ask for, for one process.
   void enforce(const std::vector<std::size_t>& matched, const std::string& fullPath,
                const std::optional<std::string>& username,
