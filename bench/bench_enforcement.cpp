@@ -64,6 +64,7 @@ class FixedTable : public vesk::ProcessTable {
   std::vector<vesk::ProcessRecord> listExecutables() override { return processes_; }
   std::optional<uid_t> ownerOf(pid_t, std::string_view) override { return 501; }
   void sendKill(pid_t) override {}
+  std::optional<std::string> controlGroups(pid_t) override { return std::nullopt; }
 
  private:
   std::vector<vesk::ProcessRecord> processes_;

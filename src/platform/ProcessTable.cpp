@@ -16,6 +16,12 @@ std::vector<ProcessRecord> ProcessTable::listProcesses() {
   return processes;
 }
 
+std::string ProcessTable::executableOf(pid_t pid) {
+  for (const ProcessRecord& process : listExecutables())
+    if (process.pid == pid) return process.path;
+  return {};
+}
+
 std::optional<uid_t> effectiveUidFromStatus(std::string_view status) {
   for (std::size_t start = 0; start < status.size();) {
     std::size_t end = status.find('\n', start);

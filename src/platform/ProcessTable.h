@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,6 +19,24 @@ struct ProcessRecord {
   std::string path;
 };
 
+// One process held by the system's handle on it (a pidfd on Linux): while a pin lives, a kill
+// of its pid through the table that made it goes to this process or nowhere, even if the pid
+// is given to another process meanwhile. Pins are taken before the process is looked at, so
+// that what was checked and what is killed are one process.
+class ProcessPin {
+ public:
+  explicit ProcessPin(pid_t pid) : pid_(pid) {}
+  virtual ~ProcessPin() = default;
+  ProcessPin(const ProcessPin&) = delete;
+  ProcessPin& operator=(const ProcessPin&) = delete;
+  pid_t pid() const { return pid_; }
+  // Whether the process still runs (not known for a plain pin: true).
+  virtual bool alive() const { return true; }
+
+ private:
+  pid_t pid_;
+};
+
 // The machine's processes, and the one way the client ends one. Any thread may call.
 class ProcessTable {
  public:
@@ -32,8 +51,17 @@ class ProcessTable {
   // are read from one look at the process, so they never mix two processes.
   virtual std::optional<uid_t> ownerOf(pid_t pid, std::string_view path) = 0;
   // SIGKILL: cannot be caught. Whether it arrived is not reported. A pid below 1 or this
-  // process's own is never signalled.
+  // process's own is never signalled. While a pin of `pid` taken from this table lives, the
+  // signal goes through it.
   virtual void sendKill(pid_t pid) = 0;
+  // Holds process `pid` from now on (see ProcessPin); a plain pin where the system has no
+  // handles for processes.
+  virtual std::shared_ptr<ProcessPin> pin(pid_t pid) { return std::make_shared<ProcessPin>(pid); }
+  // The executable `pid` runs now; empty when it has ended or cannot be looked into.
+  virtual std::string executableOf(pid_t pid);
+  // The text of the process's control-group membership (/proc/<pid>/cgroup); nullopt when it
+  // has ended.
+  virtual std::optional<std::string> controlGroups(pid_t pid) = 0;
 
   // Every process with its owner; one that ends while it is read is left out.
   std::vector<ProcessRecord> listProcesses();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <vector>
 
 #include "platform/ProcessTable.h"
@@ -21,9 +22,15 @@ class FakeProcessTable : public ProcessTable {
     return std::nullopt;
   }
   void sendKill(pid_t pid) override { killed.push_back(pid); }
+  std::optional<std::string> controlGroups(pid_t pid) override {
+    const auto found = cgroups.find(pid);
+    if (found == cgroups.end()) return std::nullopt;
+    return found->second;
+  }
 
   std::vector<ProcessRecord> processes;
   std::vector<pid_t> killed;
+  std::map<pid_t, std::string> cgroups;  // /proc/<pid>/cgroup's text, by pid
   int ownerLookups = 0;
 };
 

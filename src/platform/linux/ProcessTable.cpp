@@ -4,15 +4,18 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <map>
+#include <mutex>
+
+#include "platform/linux/ProcFiles.h"
 
 namespace vesk {
-namespace {
 
-// Reads a small /proc file in one go; nullopt when it cannot be read (the process ended).
 std::optional<std::string> readSmallFile(int directory, const char* name) {
   const int fd = ::openat(directory, name, O_RDONLY | O_CLOEXEC);
   if (fd < 0) return std::nullopt;
@@ -25,9 +28,6 @@ std::optional<std::string> readSmallFile(int directory, const char* name) {
   return text;
 }
 
-// The effective user of the process whose /proc folder is open. The folder belongs to that
-// user unless the process may not be inspected (it changed its ids), when it belongs to root;
-// so only a root-owned folder needs the status file, which costs ten times as much to read.
 std::optional<uid_t> effectiveUid(int folder) {
   struct stat info;
   if (::fstat(folder, &info) != 0) return std::nullopt;
@@ -36,13 +36,36 @@ std::optional<uid_t> effectiveUid(int folder) {
   return status ? effectiveUidFromStatus(*status) : std::nullopt;
 }
 
-// The executable's path through a handle on /proc or on the process's own folder; empty
-// when there is none to read.
 std::string executablePath(int directory, const char* name) {
   char path[4096];
   const ssize_t length = ::readlinkat(directory, name, path, sizeof path);
   return length > 0 ? std::string(path, static_cast<size_t>(length)) : std::string();
 }
+
+namespace {
+
+int openPidfd(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)); }
+
+bool signalPidfd(int pidfd, int signal) {
+  return ::syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0) == 0;
+}
+
+// A process held by a pidfd. The table keeps a weak reference per pid, so that a kill of that
+// pid while the pin lives goes through the pidfd.
+class Pidfd : public ProcessPin {
+ public:
+  Pidfd(pid_t pid, int fd) : ProcessPin(pid), fd_(fd) {}
+  ~Pidfd() override {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  bool alive() const override { return fd_ < 0 || signalPidfd(fd_, 0); }
+  // False when the process has ended (or there is no pidfd to send through).
+  bool kill() const { return fd_ >= 0 && signalPidfd(fd_, SIGKILL); }
+  bool hasHandle() const { return fd_ >= 0; }
+
+ private:
+  int fd_;
+};
 
 class LinuxProcessTable : public ProcessTable {
  public:
@@ -78,8 +101,62 @@ class LinuxProcessTable : public ProcessTable {
   }
 
   void sendKill(pid_t pid) override {
-    if (isSignallablePid(pid)) (void)::kill(pid, SIGKILL);
+    if (!isSignallablePid(pid)) return;
+    std::shared_ptr<Pidfd> held;
+    {
+      std::lock_guard<std::mutex> hold(lock_);
+      const auto found = pins_.find(pid);
+      if (found != pins_.end()) held = found->second.lock();
+    }
+    // A pinned process is killed through its pidfd or not at all: if it has ended, its pid
+    // may already be another process's.
+    if (held && held->hasHandle()) {
+      (void)held->kill();
+      return;
+    }
+    const int pidfd = openPidfd(pid);
+    if (pidfd >= 0) {
+      (void)signalPidfd(pidfd, SIGKILL);
+      ::close(pidfd);
+    } else if (errno == ENOSYS) {
+      (void)::kill(pid, SIGKILL);  // a kernel without pidfds
+    }
   }
+
+  std::shared_ptr<ProcessPin> pin(pid_t pid) override {
+    const int fd = isSignallablePid(pid) ? openPidfd(pid) : -1;
+    auto pinned = std::shared_ptr<Pidfd>(new Pidfd(pid, fd), [this](Pidfd* pin) {
+      {
+        std::lock_guard<std::mutex> hold(lock_);
+        const auto found = pins_.find(pin->pid());
+        if (found != pins_.end() && found->second.expired()) pins_.erase(found);
+      }
+      delete pin;
+    });
+    std::lock_guard<std::mutex> hold(lock_);
+    pins_[pid] = pinned;
+    return pinned;
+  }
+
+  std::string executableOf(pid_t pid) override {
+    char link[32];
+    std::snprintf(link, sizeof link, "/proc/%d/exe", static_cast<int>(pid));
+    return executablePath(AT_FDCWD, link);
+  }
+
+  std::optional<std::string> controlGroups(pid_t pid) override {
+    char name[32];
+    std::snprintf(name, sizeof name, "/proc/%d", static_cast<int>(pid));
+    const int folder = ::open(name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder < 0) return std::nullopt;
+    std::optional<std::string> text = readSmallFile(folder, "cgroup");
+    ::close(folder);
+    return text;
+  }
+
+ private:
+  std::mutex lock_;
+  std::map<pid_t, std::weak_ptr<Pidfd>> pins_;  // guarded by lock_
 };
 
 }  // namespace

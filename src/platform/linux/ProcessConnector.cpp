@@ -1,0 +1,328 @@
+#include <fcntl.h>
+#include <linux/connector.h>
+#include <linux/netlink.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+#include "foundation/RunLoop.h"
+#include "platform/ProcessEvents.h"
+#include "platform/linux/ProcFiles.h"
+
+extern char** environ;
+
+namespace vesk {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Log = std::function<void(const std::string&)>;
+
+// The default receive buffer holds about 250 events: a burst of launches would overflow it
+// at once. The kernel lets root go past the system's limit (SO_RCVBUFFORCE).
+constexpr int kReceiveBuffer = 8 << 20;
+constexpr double kScanInterval = 0.25;
+constexpr int kProofMs = 1000;
+
+// The operations a listener sends to the process connector.
+constexpr std::uint32_t kListen = 1;
+// Only exec and exit events, where the kernel can filter (from 6.6 on): a busy machine forks
+// and renames threads far more often than it starts programs.
+constexpr std::uint32_t kExecAndExit = 0x00000002u | 0x80000000u;
+
+// The events of one source, in order, handed from the thread that reads them to the run loop.
+// One wake-up of the loop carries whatever has gathered meanwhile.
+class Delivery {
+ public:
+  Delivery(GMainContext* context, ProcessEventSource::Handler handler)
+      : context_(context), handler_(std::move(handler)) {}
+
+  void push(ProcessEvent event) {
+    bool wake = false;
+    {
+      std::lock_guard<std::mutex> hold(lock_);
+      wake = queue_.empty();
+      queue_.push_back(std::move(event));
+    }
+    if (wake) RunLoop::postTo(context_, [this] { drain(); });
+  }
+
+ private:
+  void drain() {
+    std::deque<ProcessEvent> events;
+    {
+      std::lock_guard<std::mutex> hold(lock_);
+      events.swap(queue_);
+    }
+    for (const ProcessEvent& event : events) handler_(event);
+  }
+
+  GMainContext* context_;
+  ProcessEventSource::Handler handler_;
+  std::mutex lock_;
+  std::deque<ProcessEvent> queue_;  // guarded by lock_
+};
+
+// What an exec is: the process pinned first, then its executable and owner read through its
+// /proc folder, so that the pin and what was read are one process. A process that has ended
+// meanwhile reports what could be read, and its pin kills nothing.
+ProcessEvent execEvent(ProcessTable& table, pid_t pid, Clock::time_point reported) {
+  ProcessEvent event{ProcessEvent::Kind::kExec, pid, 0, {}, table.pin(pid), reported};
+  char name[32];
+  std::snprintf(name, sizeof name, "/proc/%d", static_cast<int>(pid));
+  const int folder = ::open(name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folder >= 0) {
+    event.path = executablePath(folder, "exe");
+    event.uid = effectiveUid(folder).value_or(0);
+    ::close(folder);
+  }
+  return event;
+}
+
+// Which processes run now, with their executables: what the sources compare with.
+std::map<pid_t, std::string> currentTable(ProcessTable& table) {
+  std::map<pid_t, std::string> known;
+  for (const ProcessRecord& process : table.listExecutables()) known[process.pid] = process.path;
+  return known;
+}
+
+// Turns the difference between two looks at the table into events: pins and owners for the
+// new ones, and the ends.
+void deliverDifference(ProcessTable& table, std::map<pid_t, std::string>& known,
+                       const std::function<void(ProcessEvent)>& deliver) {
+  const Clock::time_point now = Clock::now();
+  for (ProcessEvent& event : reconcileProcesses(known, table.listExecutables())) {
+    if (event.kind == ProcessEvent::Kind::kExec) {
+      ProcessEvent exec = execEvent(table, event.pid, now);
+      // Read again for the pin; a process that ended or changed since keeps the listed path.
+      if (exec.path.empty()) exec.path = event.path;
+      deliver(std::move(exec));
+    } else {
+      event.reported = now;
+      deliver(std::move(event));
+    }
+  }
+}
+
+// The process table looked at four times a second, for when the kernel's reports cannot be
+// had. A program that starts and ends between two looks is not seen; the enforcement pass
+// does not see it either.
+class ScanningSource : public ProcessEventSource {
+ public:
+  ScanningSource(ProcessTable& table, Log log) : table_(table), log_(std::move(log)) {}
+
+  void start(Handler handler) override {
+    handler_ = std::move(handler);
+    known_ = currentTable(table_);
+    timer_ = RunLoop::current().scheduledTimer(kScanInterval, true, [this](Timer&) {
+      deliverDifference(table_, known_, [this](ProcessEvent event) { handler_(event); });
+    });
+  }
+  std::string mode() const override { return "scan"; }
+  std::uint64_t rescans() const override { return 0; }
+  ~ScanningSource() override {
+    if (timer_) timer_->invalidate();
+  }
+
+ private:
+  ProcessTable& table_;
+  Log log_;
+  Handler handler_;
+  std::map<pid_t, std::string> known_;
+  std::shared_ptr<Timer> timer_;
+};
+
+// The kernel's process connector: each exec and exit of the machine, 30 to 40 microseconds
+// after it happened, read by a thread of its own.
+class ConnectorSource : public ProcessEventSource {
+ public:
+  ConnectorSource(ProcessTable& table, Log log, int socket)
+      : table_(table), log_(std::move(log)), socket_(socket) {}
+
+  ~ConnectorSource() override {
+    stopping_ = true;
+    const std::uint64_t one = 1;
+    if (::write(stop_, &one, sizeof one) < 0) {
+      // Nothing to do: the reader also looks at stopping_ after every datagram.
+    }
+    if (reader_.joinable()) reader_.join();
+    ::close(stop_);
+    ::close(socket_);
+  }
+
+  // Subscribes, proves the subscription with a program of its own, and starts reading. False
+  // when no exec is heard: the caller scans instead.
+  bool subscribe(std::string* why) {
+    for (const bool filtered : {true, false}) {
+      if (!sendListen(filtered, why)) return false;
+      // Taken once subscribed, so that nothing falls between the two.
+      if (filtered) known_ = currentTable(table_);
+      if (proven(why)) return true;
+    }
+    return false;
+  }
+
+  void start(Handler handler) override {
+    delivery_ = std::make_unique<Delivery>(RunLoop::current().context(), std::move(handler));
+    for (ProcessEvent& event : early_) delivery_->push(std::move(event));
+    early_.clear();
+    reader_ = std::thread([this] { read(); });
+  }
+  std::string mode() const override { return "connector"; }
+  std::uint64_t rescans() const override { return rescans_; }
+
+ private:
+  bool sendListen(bool filtered, std::string* why) {
+    // A netlink header, the connector's, then the operation and, where the kernel filters,
+    // the events wanted.
+    const std::uint32_t input[2] = {kListen, kExecAndExit};
+    const std::size_t payload = filtered ? sizeof input : sizeof input[0];
+    alignas(nlmsghdr) std::uint8_t message[sizeof(nlmsghdr) + sizeof(cn_msg) + sizeof input] = {};
+    nlmsghdr header{};
+    header.nlmsg_len = static_cast<std::uint32_t>(sizeof(nlmsghdr) + sizeof(cn_msg) + payload);
+    header.nlmsg_type = NLMSG_DONE;
+    header.nlmsg_pid = static_cast<std::uint32_t>(::getpid());
+    cn_msg connector{};
+    connector.id.idx = CN_IDX_PROC;
+    connector.id.val = CN_VAL_PROC;
+    connector.len = static_cast<std::uint16_t>(payload);
+    std::memcpy(message, &header, sizeof header);
+    std::memcpy(message + sizeof header, &connector, sizeof connector);
+    std::memcpy(message + sizeof header + sizeof connector, input, payload);
+    if (::send(socket_, message, header.nlmsg_len, 0) < 0) {
+      *why = std::string("Failed to subscribe to the process connector: ") + std::strerror(errno);
+      return false;
+    }
+    return true;
+  }
+
+  // Starts /bin/true and waits up to a second for its exec; what else arrives meanwhile is
+  // kept for delivery.
+  bool proven(std::string* why) {
+    pid_t child = 0;
+    char* const arguments[] = {const_cast<char*>("/bin/true"), nullptr};
+    if (::posix_spawn(&child, "/bin/true", nullptr, nullptr, arguments, environ) != 0) {
+      *why = "Failed to start /bin/true to prove the process connector";
+      return false;
+    }
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(kProofMs);
+    bool heard = false;
+    while (!heard) {
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+      if (left <= 0) break;
+      pollfd wait{socket_, POLLIN, 0};
+      if (::poll(&wait, 1, static_cast<int>(left)) <= 0) continue;
+      receive([&](ProcessEvent event) {
+        if (event.kind == ProcessEvent::Kind::kExec && event.pid == child) heard = true;
+        early_.push_back(std::move(event));
+      });
+    }
+    ::waitpid(child, nullptr, 0);
+    if (!heard) *why = "The process connector reported no exec of /bin/true within a second";
+    return heard;
+  }
+
+  void read() {
+    const auto deliver = [this](ProcessEvent event) { delivery_->push(std::move(event)); };
+    while (!stopping_) {
+      pollfd wait[2] = {{socket_, POLLIN, 0}, {stop_, POLLIN, 0}};
+      if (::poll(wait, 2, -1) < 0 && errno != EINTR) break;
+      if (wait[1].revents != 0) break;
+      if (wait[0].revents != 0 && !receive(deliver)) break;
+    }
+  }
+
+  // Reads one datagram and delivers its events; false when the socket is closed.
+  bool receive(const std::function<void(ProcessEvent)>& deliver) {
+    alignas(nlmsghdr) std::uint8_t buffer[8192];
+    const ssize_t length = ::recv(socket_, buffer, sizeof buffer, MSG_DONTWAIT);
+    if (length < 0) {
+      if (errno == EINTR || errno == EAGAIN) return true;
+      if (errno == ENOBUFS) {
+        // The kernel dropped events: what runs now is compared with what was known.
+        ++rescans_;
+        log_(
+            "Process events were lost (the receive buffer overflowed); the process table was "
+            "read again");
+        deliverDifference(table_, known_, deliver);
+        return true;
+      }
+      return false;
+    }
+    if (length == 0) return !stopping_;
+    const Clock::time_point now = Clock::now();
+    for (const ConnectorMessage& message :
+         decodeConnectorDatagram({buffer, static_cast<std::size_t>(length)})) {
+      if (message.kind == ConnectorMessage::Kind::kExec) {
+        ProcessEvent event = execEvent(table_, message.tgid, now);
+        known_[event.pid] = event.path;
+        deliver(std::move(event));
+      } else if (message.kind == ConnectorMessage::Kind::kExit && message.pid == message.tgid) {
+        // A thread's end is not the process's; a process never seen to start (forked without
+        // a new program) is nobody's news either.
+        const auto found = known_.find(message.tgid);
+        if (found == known_.end()) continue;
+        deliver(
+            ProcessEvent{ProcessEvent::Kind::kExit, message.tgid, 0, found->second, nullptr, now});
+        known_.erase(found);
+      }
+    }
+    return true;
+  }
+
+  ProcessTable& table_;
+  Log log_;
+  int socket_;
+  int stop_ = ::eventfd(0, EFD_CLOEXEC);
+  std::atomic<bool> stopping_{false};
+  std::atomic<std::uint64_t> rescans_{0};
+  std::vector<ProcessEvent> early_;     // heard while proving, before start
+  std::map<pid_t, std::string> known_;  // the reader's, once it runs
+  std::unique_ptr<Delivery> delivery_;
+  std::thread reader_;
+};
+
+int openConnector(std::string* why) {
+  const int fd = ::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_CONNECTOR);
+  if (fd < 0) {
+    *why = std::string("Failed to open netlink connector socket: ") + std::strerror(errno);
+    return -1;
+  }
+  if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer) != 0)
+    (void)::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof kReceiveBuffer);
+  sockaddr_nl address{};
+  address.nl_family = AF_NETLINK;
+  address.nl_groups = CN_IDX_PROC;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    *why = std::string("Failed to bind netlink connector socket: ") + std::strerror(errno);
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+}  // namespace
+
+std::unique_ptr<ProcessEventSource> makeSystemProcessEventSource(ProcessTable& table, Log log) {
+  std::string why;
+  const int fd = openConnector(&why);
+  if (fd >= 0) {
+    auto connector = std::make_unique<ConnectorSource>(table, log, fd);
+    if (connector->subscribe(&why)) return connector;
+  }
+  log(why + "; watching the process table every 0.25 s instead");
+  return std::make_unique<ScanningSource>(table, log);
+}
+
+}  // namespace vesk
