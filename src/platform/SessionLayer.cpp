@@ -1,0 +1,72 @@
+#include "platform/SessionLayer.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include "foundation/Paths.h"
+#include "foundation/RunLoop.h"
+
+namespace vesk {
+namespace {
+
+std::string homeOfRealUser() {
+  passwd entry;
+  passwd* found = nullptr;
+  char buffer[4096];
+  if (::getpwuid_r(::getuid(), &entry, buffer, sizeof buffer, &found) != 0 || found == nullptr)
+    return {};
+  return found->pw_dir != nullptr ? found->pw_dir : "";
+}
+
+}  // namespace
+
+SessionLayer::SessionLayer(GDBusConnection* systemBus, Log log) : log_(std::move(log)) {
+  processes_ = makeSystemProcessEventSource(ProcessTable::system(), log_);
+  screenSaver_ = makeSessionBusScreenSaver();
+  login_ = makeLogindSession(systemBus,
+                             [this] { return screenSaverStarted_ && screenSaver_->present(); });
+  const std::string home = homeOfRealUser();
+  desktop_ = makeSystemDesktopApplications(home);
+}
+
+SessionLayer::~SessionLayer() = default;
+
+void SessionLayer::start(Workspace::ExecHook execHook, SessionEventSink distributed) {
+  const auto sink = [this, distributed](const SessionEvent& event) {
+    if (event.distributed) {
+      distributed(event);
+    } else {
+      workspace_->postNotification(event.name, event.userInfo);
+    }
+  };
+  screenSaverStarted_ = screenSaver_->start(sink);
+  if (!screenSaverStarted_) log_("No screen saver can be heard: " + screenSaver_->why());
+  loginManager_ = login_->start(sink);
+  if (!loginManager_) log_("No login manager: " + login_->why() + "; going on without it");
+
+  // The display is the login manager's word for the session, never the environment's, but
+  // for a program that may trust its environment (the session tool run by hand).
+  std::string display = login_->display();
+  if (display.empty()) display = secureEnvironmentValue("DISPLAY").value_or("");
+  const std::string authority =
+      secureEnvironmentValue("XAUTHORITY").value_or(homeOfRealUser() + "/.Xauthority");
+  if (display.empty()) {
+    frontWindow_ = makeNoFrontWindow();
+  } else {
+    std::string why;
+    frontWindow_ = makeX11FrontWindow(display, authority, &why);
+    if (!why.empty()) log_("The front window cannot be asked: " + why);
+  }
+  workspace_ = std::make_unique<Workspace>(::getuid(), ProcessTable::system(), *processes_,
+                                           *desktop_, *frontWindow_, RunLoop::current());
+  workspace_->setExecHook(std::move(execHook));
+  workspace_->start();
+}
+
+std::optional<std::string> SessionLayer::consoleUser() {
+  if (loginManager_)
+    if (std::optional<std::string> user = login_->consoleUser()) return user;
+  return consoleOwnerName();
+}
+
+}  // namespace vesk

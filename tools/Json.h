@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "foundation/Value.h"
+
+// How the tools print values as JSON: integers as numbers, booleans as booleans, bytes as
+// base64 strings, an error as {"domain":…,"code":…,"userInfo":{…}}.
+namespace vesk::tools {
+
+void appendJsonString(std::string& out, std::string_view text);
+void appendJson(std::string& out, const Value& value);
+void appendJsonObject(std::string& out, const Dictionary& dictionary);
+
+}  // namespace vesk::tools
