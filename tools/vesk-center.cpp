@@ -11,7 +11,6 @@
 
 #include <fmt/format.h>
 #include <gio/gio.h>
-#include <glib-unix.h>
 
 #include <cerrno>
 #include <cmath>
@@ -20,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "Json.h"
+#include "ToolSupport.h"
 #include "foundation/Error.h"
 #include "foundation/Exception.h"
 #include "foundation/RunLoop.h"
@@ -100,14 +99,7 @@ int serve() {
   center->prepareVendingMachine();
   if (!center->isVended()) return 1;  // the center has said why on standard error
 
-  static bool stop = false;
-  auto stopLoop = [](gpointer) -> gboolean {
-    stop = true;
-    return G_SOURCE_CONTINUE;
-  };
-  g_unix_signal_add(SIGINT, stopLoop, nullptr);
-  g_unix_signal_add(SIGTERM, stopLoop, nullptr);
-  while (!stop) vesk::RunLoop::current().runUntilCondition([] { return stop; }, 3600);
+  vesk::tools::runUntilSignalled();
   // The reply to a post already delivered may still wait in the connection's queue: lost, it
   // would make the poster report a delivered post as failed, or try a new daemon with it again.
   g_dbus_connection_flush_sync(vesk::systemBus(), nullptr, nullptr);

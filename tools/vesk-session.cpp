@@ -10,14 +10,13 @@
 // as does "vesk-session: ready" once it listens. It stops on SIGINT or SIGTERM.
 
 #include <fmt/format.h>
-#include <glib-unix.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
 #include <string>
 
-#include "Json.h"
+#include "ToolSupport.h"
 #include "foundation/RunLoop.h"
 #include "notifications/SystemBus.h"
 #include "platform/LoginSession.h"
@@ -60,22 +59,11 @@ void printProcessEvent(const vesk::ProcessEvent& event) {
              Value(), exec ? nameOf(event.uid) : Value());
 }
 
-void runUntilStopped() {
-  static bool stop = false;
-  auto stopLoop = [](gpointer) -> gboolean {
-    stop = true;
-    return G_SOURCE_CONTINUE;
-  };
-  g_unix_signal_add(SIGINT, stopLoop, nullptr);
-  g_unix_signal_add(SIGTERM, stopLoop, nullptr);
-  while (!stop) vesk::RunLoop::current().runUntilCondition([] { return stop; }, 3600);
-}
-
 int watchProcesses() {
   const auto source = vesk::makeSystemProcessEventSource(vesk::ProcessTable::system(), log);
   source->start(printProcessEvent);
   log(fmt::format("ready (processes: {})", source->mode()));
-  runUntilStopped();
+  vesk::tools::runUntilSignalled();
   return 0;
 }
 
@@ -109,7 +97,7 @@ int watchSession() {
   log(fmt::format("ready (processes: {}, login manager: {}, console user: {})",
                   layer.processes().mode(), layer.hasLoginManager() ? "yes" : "no",
                   console.value_or("unknown")));
-  runUntilStopped();
+  vesk::tools::runUntilSignalled();
   return 0;
 }
 

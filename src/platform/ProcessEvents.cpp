@@ -49,8 +49,8 @@ std::vector<ConnectorMessage> decodeConnectorDatagram(std::span<const std::uint8
     if (payload > event.size() || payload < kEventHeader) continue;
     ConnectorMessage decoded;
     const auto what = read<std::uint32_t>(event, 0);
-    // Exec carries the pid and tgid; exit those and four more fields; the subscription's
-    // answer carries the error.
+    // Exec carries the pid and tgid; exit those and four more fields; the answer to a
+    // subscription carries its error.
     if (what == kEventExec || what == kEventExit) {
       if (payload < kEventHeader + (what == kEventExec ? 8u : 24u)) continue;
       decoded.kind =
@@ -60,7 +60,6 @@ std::vector<ConnectorMessage> decodeConnectorDatagram(std::span<const std::uint8
     } else if (what == kEventNone) {
       if (payload < kEventHeader + 4) continue;
       decoded.kind = ConnectorMessage::Kind::kAcknowledgement;
-      decoded.acknowledged = read<std::uint32_t>(event, kEventHeader);
     }
     messages.push_back(decoded);
   }

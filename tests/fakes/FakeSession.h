@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "foundation/RunLoop.h"
@@ -57,40 +58,34 @@ class FakeFrontWindow : public FrontWindow {
   std::function<void()> changed_;
 };
 
-// Timers that fire when the test says so.
+// One-shot timers that fire when the test says so.
 class ManualTimers : public TimerSource {
- public:
-  class ManualTimer : public Timer {
-   public:
-    explicit ManualTimer(std::function<void(Timer&)> fire) : fire_(std::move(fire)) {}
-    void invalidate() override { valid_ = false; }
-    bool isValid() const override { return valid_; }
-    std::function<void(Timer&)> fire_;
-    bool valid_ = true;
+  struct OneShot : Timer {
+    std::function<void(Timer&)> fire;
+    bool valid = true;
+    void invalidate() override { valid = false; }
+    bool isValid() const override { return valid; }
   };
-  std::shared_ptr<Timer> scheduledTimer(double, bool repeats,
-                                        std::function<void(Timer&)> fire) override {
-    auto timer = std::make_shared<ManualTimer>(std::move(fire));
-    timers_.push_back({timer, repeats});
+  std::vector<std::shared_ptr<OneShot>> due_;
+
+ public:
+  std::shared_ptr<Timer> scheduledTimer(double, bool, std::function<void(Timer&)> fire) override {
+    auto timer = std::make_shared<OneShot>();
+    timer->fire = std::move(fire);
+    due_.push_back(timer);
     return timer;
   }
-  // Fires each timer that is due once; answers how many fired.
+  // Fires the timers that are due now; answers how many fired.
   int fireAll() {
-    auto due = std::move(timers_);
-    timers_.clear();
     int fired = 0;
-    for (auto& [timer, repeats] : due) {
-      if (!timer->valid_) continue;
-      if (!repeats) timer->valid_ = false;
-      timer->fire_(*timer);
+    for (const auto& timer : std::exchange(due_, {})) {
+      if (!timer->valid) continue;
+      timer->valid = false;
+      timer->fire(*timer);
       ++fired;
-      if (repeats) timers_.push_back({timer, repeats});
     }
     return fired;
   }
-
- private:
-  std::vector<std::pair<std::shared_ptr<ManualTimer>, bool>> timers_;
 };
 
 }  // namespace vesk::test

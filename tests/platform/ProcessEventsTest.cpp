@@ -80,6 +80,7 @@ TEST(ConnectorDecoder, ReadsExecExitAndAcknowledgementAndSkipsWhatIsBrokenOrFore
       {"longer than read", overlong, {}},
       {"shorter than a header", std::vector<std::uint8_t>(10, 0xff), {}},
       {"empty", {}, {}},
+      {"the subscription's answer", connectorMessage(0, {22}), {{Kind::kAcknowledgement, 0, 0}}},
   };
   for (const Row& row : rows) {
     std::vector<std::tuple<Kind, pid_t, pid_t>> got;
@@ -87,10 +88,6 @@ TEST(ConnectorDecoder, ReadsExecExitAndAcknowledgementAndSkipsWhatIsBrokenOrFore
       got.emplace_back(message.kind, message.pid, message.tgid);
     EXPECT_EQ(got, row.expected) << row.what;
   }
-  const auto answer = decodeConnectorDatagram(connectorMessage(0, {22}));
-  ASSERT_EQ(answer.size(), 1u);
-  EXPECT_EQ(answer[0].kind, Kind::kAcknowledgement);
-  EXPECT_EQ(answer[0].acknowledged, 22u);
 }
 
 TEST(ProcessReconciliation, ReportsEndsThenStartsAndAPidThatRunsAnotherProgram) {
@@ -103,10 +100,8 @@ TEST(ProcessReconciliation, ReportsEndsThenStartsAndAPidThatRunsAnotherProgram) 
                         std::to_string(event.pid) + " " + event.path);
   EXPECT_THAT(described, ElementsAre("exit 11 /usr/bin/b", "exit 12 /usr/bin/c",
                                      "exec 12 /usr/bin/other", "exec 13 /usr/bin/d"));
-  EXPECT_EQ(known.size(), 3u);
-  EXPECT_TRUE(reconcileProcesses(
-                  known, {{10, 0, "/usr/bin/a"}, {12, 0, "/usr/bin/other"}, {13, 0, "/usr/bin/d"}})
-                  .empty());
+  EXPECT_EQ(known, (std::map<pid_t, std::string>{
+                       {10, "/usr/bin/a"}, {12, "/usr/bin/other"}, {13, "/usr/bin/d"}}));
 }
 
 TEST(DesktopApplicationId, ComesOnlyFromADesktopLaunchUnitOnTheUnifiedLine) {
@@ -138,26 +133,26 @@ TEST(DesktopApplicationId, ComesOnlyFromADesktopLaunchUnitOnTheUnifiedLine) {
 class WorkspaceTest : public ::testing::Test {
  protected:
   static constexpr uid_t kUser = 1000;
-  static std::string scope(const std::string& id) {
-    return "0::/user.slice/user-1000.slice/user@1000.service/app.slice/app-gnome-" + id +
-           "-1.scope\n";
-  }
   void SetUp() override {
     desktop.names["org.gnome.Terminal"] = "Terminal";
     workspace.setExecHook([this](const ProcessEvent& event) {
       seen.push_back("hook " + std::to_string(event.pid) + " " + event.path);
     });
-    for (const char* name : {kWillLaunchApplication, kDidLaunchApplication,
-                             kDidTerminateApplication, kDidActivateApplication})
-      workspace.addObserver(name, [this](const std::string& name, const Dictionary& record) {
-        seen.push_back(name + (" " + record[kApplicationProcessIdentifierKey].stringValue()) + " " +
+    const std::pair<const char*, const char*> names[] = {{kWillLaunchApplication, "will"},
+                                                         {kDidLaunchApplication, "did"},
+                                                         {kDidTerminateApplication, "end"},
+                                                         {kDidActivateApplication, "front"}};
+    for (const auto& [name, tag] : names)
+      workspace.addObserver(name, [this, tag](const std::string&, const Dictionary& record) {
+        seen.push_back(tag + (" " + record[kApplicationProcessIdentifierKey].stringValue()) + " " +
                        record[kApplicationNameKey].stringValue());
       });
   }
-  // A process of `uid` that the table lists, in `cgroup`.
-  void running(pid_t pid, uid_t uid, const std::string& path, const std::string& cgroup) {
+  // A process that the table lists, in the desktop launch unit of `app` when one is given.
+  void running(pid_t pid, uid_t uid, const std::string& path, const std::string& app = "") {
     table.processes.push_back({pid, uid, path});
-    table.cgroups[pid] = cgroup;
+    table.cgroups[pid] = app.empty() ? "0::/user.slice/session-2.scope\n"
+                                     : "0::/user.slice/app.slice/app-gnome-" + app + "-1.scope\n";
   }
 
   FakeProcessTable table;
@@ -170,56 +165,45 @@ class WorkspaceTest : public ::testing::Test {
 };
 
 TEST_F(WorkspaceTest, HandsEveryExecToTheHookButReportsOnlyTheUsersApplications) {
-  running(50, kUser, "/usr/bin/nautilus", scope("org.gnome.Nautilus"));
-  running(51, kUser, "/usr/bin/bash", "0::/user.slice/user-1000.slice/session-2.scope\n");
+  running(50, kUser, "/usr/bin/nautilus", "org.gnome.Nautilus");
+  running(51, kUser, "/usr/bin/bash");
   workspace.start();
-  running(60, kUser, "/usr/libexec/gnome-terminal-server", scope("org.gnome.Terminal"));
-  running(61, 0, "/usr/sbin/cron", scope("cron"));  // another user's
-  processes.exec(60, kUser, "/usr/libexec/gnome-terminal-server");
+  running(60, kUser, "/usr/libexec/terminal-server", "org.gnome.Terminal");
+  running(61, 0, "/usr/sbin/cron", "cron");  // another user's
+  processes.exec(60, kUser, "/usr/libexec/terminal-server");
   processes.exec(61, 0, "/usr/sbin/cron");
-  processes.exit(61);
-  processes.exit(60);
-  processes.exit(51);
-  EXPECT_THAT(seen, ElementsAre("hook 60 /usr/libexec/gnome-terminal-server",
-                                kWillLaunchApplication + std::string(" 60 Terminal"),
-                                kDidLaunchApplication + std::string(" 60 Terminal"),
-                                "hook 61 /usr/sbin/cron",
-                                kDidTerminateApplication + std::string(" 60 Terminal")));
-  // Running before the start: listed, not reported; named after the executable without a
+  for (const pid_t pid : {61, 60, 51}) processes.exit(pid);
+  EXPECT_THAT(seen, ElementsAre("hook 60 /usr/libexec/terminal-server", "will 60 Terminal",
+                                "did 60 Terminal", "hook 61 /usr/sbin/cron", "end 60 Terminal"));
+  // Running before the start: listed, not reported, named after the executable without a
   // .desktop file.
-  ASSERT_EQ(workspace.launchedApplications().size(), 1u);
-  EXPECT_EQ(workspace.launchedApplications()[0],
-            (Dictionary{{kApplicationPathKey, "/usr/bin/nautilus"},
-                        {kApplicationNameKey, "nautilus"},
-                        {kApplicationProcessIdentifierKey, 50LL}}));
+  EXPECT_THAT(workspace.launchedApplications(),
+              ElementsAre(Dictionary{{kApplicationPathKey, "/usr/bin/nautilus"},
+                                     {kApplicationNameKey, "nautilus"},
+                                     {kApplicationProcessIdentifierKey, 50LL}}));
 }
 
 TEST_F(WorkspaceTest, LooksAgainAtAProgramTheDesktopMovesIntoItsUnitAfterItsExec) {
   workspace.start();
-  running(70, kUser, "/usr/libexec/gnome-terminal-server", "0::/session-2.scope\n");
-  running(71, kUser, "/usr/bin/sleep", "0::/session-2.scope\n");
-  running(72, kUser, "/usr/bin/gedit", "0::/session-2.scope\n");
-  processes.exec(70, kUser, "/usr/libexec/gnome-terminal-server");
-  processes.exec(71, kUser, "/usr/bin/sleep");
-  processes.exec(72, kUser, "/usr/bin/gedit");
-  EXPECT_EQ(seen.size(), 3u);  // the hook only
-  table.cgroups[70] = scope("org.gnome.Terminal");
-  table.processes[1].path = "/usr/bin/other";  // 71 now runs something else: forgotten
+  running(70, kUser, "/usr/libexec/terminal-server");
+  running(71, kUser, "/usr/bin/sleep");
+  running(72, kUser, "/usr/bin/gedit");
+  for (const pid_t pid : {70, 71, 72}) processes.exec(pid, kUser, table.processes[pid - 70].path);
+  table.cgroups[70] = "0::/app-gnome-org.gnome.Terminal-4.scope";
+  table.cgroups[71] = "0::/app-gnome-sleep-4.scope";
+  table.processes[1].path = "/usr/bin/other";  // 71 runs something else now: forgotten
   timers.fireAll();
-  EXPECT_EQ(seen.back(), kDidLaunchApplication + std::string(" 70 Terminal"));
+  EXPECT_EQ(seen.back(), "did 70 Terminal");
   while (timers.fireAll() > 0) {
   }
   // Past its timed looks, 72 gets one more when it first comes to the front.
-  table.cgroups[72] = scope("org.gnome.gedit");
+  table.cgroups[72] = "0::/app-gnome-org.gnome.gedit-4.scope";
   seen.clear();
   front.bringToFront(72);
-  EXPECT_THAT(seen, ElementsAre(kWillLaunchApplication + std::string(" 72 gedit"),
-                                kDidLaunchApplication + std::string(" 72 gedit"),
-                                kDidActivateApplication + std::string(" 72 gedit")));
-  seen.clear();
+  EXPECT_THAT(seen, ElementsAre("will 72 gedit", "did 72 gedit", "front 72 gedit"));
   front.bringToFront(std::nullopt);
   front.bringToFront(4242);  // not listed at all
-  EXPECT_TRUE(seen.empty());
+  EXPECT_EQ(seen.size(), 3u);
   EXPECT_TRUE(workspace.activeApplication().empty());
   front.bringToFront(70);
   EXPECT_EQ(workspace.activeApplication()[kApplicationNameKey].stringValue(), "Terminal");
@@ -227,32 +211,28 @@ TEST_F(WorkspaceTest, LooksAgainAtAProgramTheDesktopMovesIntoItsUnitAfterItsExec
 
 TEST_F(WorkspaceTest, AnApplicationThatExecsAnotherProgramEndsAsWhatItWas) {
   workspace.start();
-  running(80, kUser, "/usr/bin/firefox-wrapper", scope("firefox"));
-  processes.exec(80, kUser, "/usr/bin/firefox-wrapper");
+  running(80, kUser, "/usr/bin/wrapper", "firefox");
+  processes.exec(80, kUser, "/usr/bin/wrapper");
   table.processes[0].path = "/usr/lib/firefox/firefox";
   processes.exec(80, kUser, "/usr/lib/firefox/firefox");
-  EXPECT_THAT(seen, ElementsAre("hook 80 /usr/bin/firefox-wrapper",
-                                kWillLaunchApplication + std::string(" 80 firefox-wrapper"),
-                                kDidLaunchApplication + std::string(" 80 firefox-wrapper"),
-                                "hook 80 /usr/lib/firefox/firefox",
-                                kDidTerminateApplication + std::string(" 80 firefox-wrapper"),
-                                kWillLaunchApplication + std::string(" 80 firefox"),
-                                kDidLaunchApplication + std::string(" 80 firefox")));
+  EXPECT_THAT(seen, ElementsAre("hook 80 /usr/bin/wrapper", "will 80 wrapper", "did 80 wrapper",
+                                "hook 80 /usr/lib/firefox/firefox", "end 80 wrapper",
+                                "will 80 firefox", "did 80 firefox"));
 }
 
 TEST_F(WorkspaceTest, ObserversRemovedWhileANotificationIsDeliveredAreNotCalled) {
   std::vector<std::string> calls;
   Workspace::ObserverId second = 0;
-  workspace.addObserver("n", [&](const std::string&, const Dictionary&) {
-    calls.push_back("first");
+  const auto note = [&](const char* what) {
+    return [&calls, what](const std::string&, const Dictionary&) { calls.push_back(what); };
+  };
+  workspace.addObserver("n", [&](const std::string& name, const Dictionary& info) {
+    note("first")(name, info);
     workspace.removeObserver(second);
-    workspace.addObserver("n",
-                          [&](const std::string&, const Dictionary&) { calls.push_back("added"); });
+    workspace.addObserver("n", note("added"));
   });
-  second = workspace.addObserver(
-      "n", [&](const std::string&, const Dictionary&) { calls.push_back("second"); });
+  second = workspace.addObserver("n", note("second"));
   workspace.postNotification("n", {});
-  EXPECT_THAT(calls, ElementsAre("first"));
   workspace.removeAllObservers();
   workspace.postNotification("n", {});
   EXPECT_THAT(calls, ElementsAre("first"));
@@ -267,13 +247,11 @@ class ProcessConnectorTest : public ::testing::Test {
                                           [this](const std::string& line) { logged += line; });
     if (source->mode() != "connector") GTEST_SKIP() << "no process connector here: " << logged;
   }
-  static pid_t spawn(const char* path, std::vector<const char*> arguments) {
-    arguments.insert(arguments.begin(), path);
-    arguments.push_back(nullptr);
+  static pid_t spawn(const char* path, const char* argument = nullptr,
+                     const posix_spawn_file_actions_t* actions = nullptr) {
+    char* arguments[] = {const_cast<char*>(path), const_cast<char*>(argument), nullptr};
     pid_t pid = 0;
-    EXPECT_EQ(
-        ::posix_spawn(&pid, path, nullptr, nullptr, const_cast<char**>(arguments.data()), environ),
-        0);
+    EXPECT_EQ(::posix_spawn(&pid, path, actions, nullptr, arguments, environ), 0);
     return pid;
   }
   std::unique_ptr<ProcessEventSource> source;
@@ -300,12 +278,7 @@ TEST_F(ProcessConnectorTest, ReportsTheExecAndExitOfEveryOneOfABurstOfTwoThousan
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, input[0], 0);
   std::vector<pid_t> started;
-  for (int i = 0; i < 2000; ++i) {
-    pid_t pid = 0;
-    char* arguments[] = {const_cast<char*>("/bin/cat"), nullptr};
-    ASSERT_EQ(::posix_spawn(&pid, "/bin/cat", &actions, nullptr, arguments, environ), 0);
-    started.push_back(pid);
-  }
+  for (int i = 0; i < 2000; ++i) started.push_back(spawn("/bin/cat", nullptr, &actions));
   posix_spawn_file_actions_destroy(&actions);
   const auto allSeen = [&](auto& seen) {
     return std::all_of(started.begin(), started.end(),
@@ -325,7 +298,7 @@ TEST_F(ProcessConnectorTest, AKillThroughThePinNeverReachesTheProcessThatTookThe
   source->start([&](const ProcessEvent& event) {
     if (event.kind == ProcessEvent::Kind::kExec) execs.insert_or_assign(event.pid, event);
   });
-  const pid_t pid = spawn("/bin/true", {});
+  const pid_t pid = spawn("/bin/true");
   ASSERT_TRUE(RunLoop::current().runUntilCondition([&] { return execs.contains(pid); }, 10));
   std::optional<ProcessEvent> first = execs.at(pid);
   execs.clear();
@@ -336,7 +309,7 @@ TEST_F(ProcessConnectorTest, AKillThroughThePinNeverReachesTheProcessThatTookThe
   for (int attempt = 0; attempt < 20 && reused != pid; ++attempt) {
     if (reused > 0) ::kill(reused, SIGKILL), ::waitpid(reused, nullptr, 0);
     std::ofstream("/proc/sys/kernel/ns_last_pid") << pid - 1;
-    reused = spawn("/bin/sleep", {"30"});
+    reused = spawn("/bin/sleep", "30");
   }
   if (reused != pid) {
     ::kill(reused, SIGKILL), ::waitpid(reused, nullptr, 0);

@@ -1,20 +1,17 @@
 #include <fcntl.h>
+#include <glib-unix.h>
 #include <linux/connector.h>
 #include <linux/netlink.h>
 #include <poll.h>
 #include <spawn.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <deque>
-#include <mutex>
-#include <thread>
+#include <utility>
 
 #include "foundation/RunLoop.h"
 #include "platform/ProcessEvents.h"
@@ -39,39 +36,6 @@ constexpr std::uint32_t kListen = 1;
 // Only exec and exit events, where the kernel can filter (from 6.6 on): a busy machine forks
 // and renames threads far more often than it starts programs.
 constexpr std::uint32_t kExecAndExit = 0x00000002u | 0x80000000u;
-
-// The events of one source, in order, handed from the thread that reads them to the run loop.
-// One wake-up of the loop carries whatever has gathered meanwhile.
-class Delivery {
- public:
-  Delivery(GMainContext* context, ProcessEventSource::Handler handler)
-      : context_(context), handler_(std::move(handler)) {}
-
-  void push(ProcessEvent event) {
-    bool wake = false;
-    {
-      std::lock_guard<std::mutex> hold(lock_);
-      wake = queue_.empty();
-      queue_.push_back(std::move(event));
-    }
-    if (wake) RunLoop::postTo(context_, [this] { drain(); });
-  }
-
- private:
-  void drain() {
-    std::deque<ProcessEvent> events;
-    {
-      std::lock_guard<std::mutex> hold(lock_);
-      events.swap(queue_);
-    }
-    for (const ProcessEvent& event : events) handler_(event);
-  }
-
-  GMainContext* context_;
-  ProcessEventSource::Handler handler_;
-  std::mutex lock_;
-  std::deque<ProcessEvent> queue_;  // guarded by lock_
-};
 
 // What an exec is: the process pinned first, then its executable and owner read through its
 // /proc folder, so that the pin and what was read are one process. A process that has ended
@@ -143,20 +107,20 @@ class ScanningSource : public ProcessEventSource {
 };
 
 // The kernel's process connector: each exec and exit of the machine, 30 to 40 microseconds
-// after it happened, read by a thread of its own.
+// after it happened. The socket is read on the run loop that handles the events: a thread of
+// its own would add a second wake-up to every launch, and the kernel's buffer (8 MiB, some
+// ten thousand events) covers a loop that is busy for a while; past that, the table is read
+// again.
 class ConnectorSource : public ProcessEventSource {
  public:
   ConnectorSource(ProcessTable& table, Log log, int socket)
       : table_(table), log_(std::move(log)), socket_(socket) {}
 
   ~ConnectorSource() override {
-    stopping_ = true;
-    const std::uint64_t one = 1;
-    if (::write(stop_, &one, sizeof one) < 0) {
-      // Nothing to do: the reader also looks at stopping_ after every datagram.
+    if (watch_ != nullptr) {
+      g_source_destroy(watch_);
+      g_source_unref(watch_);
     }
-    if (reader_.joinable()) reader_.join();
-    ::close(stop_);
     ::close(socket_);
   }
 
@@ -173,10 +137,16 @@ class ConnectorSource : public ProcessEventSource {
   }
 
   void start(Handler handler) override {
-    delivery_ = std::make_unique<Delivery>(RunLoop::current().context(), std::move(handler));
-    for (ProcessEvent& event : early_) delivery_->push(std::move(event));
-    early_.clear();
-    reader_ = std::thread([this] { read(); });
+    handler_ = std::move(handler);
+    watch_ = g_unix_fd_source_new(socket_, G_IO_IN);
+    g_source_set_callback(watch_, G_SOURCE_FUNC(+[](gint, GIOCondition, gpointer self) -> gboolean {
+                            static_cast<ConnectorSource*>(self)->readAvailable();
+                            return G_SOURCE_CONTINUE;
+                          }),
+                          this, nullptr);
+    g_source_attach(watch_, RunLoop::current().context());
+    // What was heard while the subscription was proven comes first, at the loop's next turn.
+    RunLoop::current().post([this] { deliverEarly(); });
   }
   std::string mode() const override { return "connector"; }
   std::uint64_t rescans() const override { return rescans_; }
@@ -233,22 +203,24 @@ class ConnectorSource : public ProcessEventSource {
     return heard;
   }
 
-  void read() {
-    const auto deliver = [this](ProcessEvent event) { delivery_->push(std::move(event)); };
-    while (!stopping_) {
-      pollfd wait[2] = {{socket_, POLLIN, 0}, {stop_, POLLIN, 0}};
-      if (::poll(wait, 2, -1) < 0 && errno != EINTR) break;
-      if (wait[1].revents != 0) break;
-      if (wait[0].revents != 0 && !receive(deliver)) break;
-    }
+  void deliverEarly() {
+    for (const ProcessEvent& event : std::exchange(early_, {})) handler_(event);
   }
 
-  // Reads one datagram and delivers its events; false when the socket is closed.
+  // Handles what the socket holds now, a bounded number of datagrams at a time so that the
+  // loop's other sources get their turn in a burst.
+  void readAvailable() {
+    deliverEarly();
+    const auto deliver = [this](ProcessEvent event) { handler_(event); };
+    for (int datagrams = 0; datagrams < 256; ++datagrams)
+      if (!receive(deliver)) break;
+  }
+
+  // Reads one datagram and delivers its events; false when there is none to read.
   bool receive(const std::function<void(ProcessEvent)>& deliver) {
     alignas(nlmsghdr) std::uint8_t buffer[8192];
     const ssize_t length = ::recv(socket_, buffer, sizeof buffer, MSG_DONTWAIT);
     if (length < 0) {
-      if (errno == EINTR || errno == EAGAIN) return true;
       if (errno == ENOBUFS) {
         // The kernel dropped events: what runs now is compared with what was known.
         ++rescans_;
@@ -260,7 +232,7 @@ class ConnectorSource : public ProcessEventSource {
       }
       return false;
     }
-    if (length == 0) return !stopping_;
+    if (length == 0) return false;
     const Clock::time_point now = Clock::now();
     for (const ConnectorMessage& message :
          decodeConnectorDatagram({buffer, static_cast<std::size_t>(length)})) {
@@ -284,13 +256,11 @@ class ConnectorSource : public ProcessEventSource {
   ProcessTable& table_;
   Log log_;
   int socket_;
-  int stop_ = ::eventfd(0, EFD_CLOEXEC);
-  std::atomic<bool> stopping_{false};
-  std::atomic<std::uint64_t> rescans_{0};
-  std::vector<ProcessEvent> early_;     // heard while proving, before start
-  std::map<pid_t, std::string> known_;  // the reader's, once it runs
-  std::unique_ptr<Delivery> delivery_;
-  std::thread reader_;
+  std::uint64_t rescans_ = 0;
+  Handler handler_;
+  GSource* watch_ = nullptr;         // a reference of our own
+  std::vector<ProcessEvent> early_;  // heard while proving, before start
+  std::map<pid_t, std::string> known_;
 };
 
 int openConnector(std::string* why) {

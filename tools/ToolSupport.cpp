@@ -1,9 +1,13 @@
-#include "Json.h"
+#include "ToolSupport.h"
 
 #include <fmt/format.h>
+#include <glib-unix.h>
 #include <glib.h>
+#include <signal.h>
 
 #include <cmath>
+
+#include "foundation/RunLoop.h"
 
 namespace vesk::tools {
 
@@ -99,6 +103,17 @@ void appendJson(std::string& out, const Value& value) {
       break;
     }
   }
+}
+
+void runUntilSignalled() {
+  static bool stop = false;
+  auto stopLoop = [](gpointer) -> gboolean {
+    stop = true;
+    return G_SOURCE_CONTINUE;
+  };
+  g_unix_signal_add(SIGINT, stopLoop, nullptr);
+  g_unix_signal_add(SIGTERM, stopLoop, nullptr);
+  while (!stop) RunLoop::current().runUntilCondition([] { return stop; }, 3600);
 }
 
 }  // namespace vesk::tools

@@ -5,12 +5,16 @@
 
 #include "foundation/Value.h"
 
-// How the tools print values as JSON: integers as numbers, booleans as booleans, bytes as
-// base64 strings, an error as {"domain":…,"code":…,"userInfo":{…}}.
+// What the command-line tools share.
 namespace vesk::tools {
 
+// How the tools print values as JSON: integers as numbers, booleans as booleans, bytes as
+// base64 strings, an error as {"domain":…,"code":…,"userInfo":{…}}.
 void appendJsonString(std::string& out, std::string_view text);
 void appendJson(std::string& out, const Value& value);
 void appendJsonObject(std::string& out, const Dictionary& dictionary);
+
+// Runs this thread's loop until SIGINT or SIGTERM arrives.
+void runUntilSignalled();
 
 }  // namespace vesk::tools
