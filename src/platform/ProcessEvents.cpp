@@ -74,12 +74,12 @@ std::vector<ProcessEvent> reconcileProcesses(std::map<pid_t, std::string>& known
   for (const auto& [pid, path] : known) {
     const auto still = current.find(pid);
     if (still == current.end() || still->second != path)
-      events.push_back(ProcessEvent{ProcessEvent::Kind::kExit, pid, 0, path, nullptr, {}});
+      events.push_back(ProcessEvent{ProcessEvent::Kind::kExit, pid, 0, path, nullptr});
   }
   for (const auto& [pid, path] : current) {
     const auto before = known.find(pid);
     if (before == known.end() || before->second != path)
-      events.push_back(ProcessEvent{ProcessEvent::Kind::kExec, pid, 0, path, nullptr, {}});
+      events.push_back(ProcessEvent{ProcessEvent::Kind::kExec, pid, 0, path, nullptr});
   }
   known = std::move(current);
   return events;

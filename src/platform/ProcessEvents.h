@@ -2,7 +2,6 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -27,8 +26,6 @@ struct ProcessEvent {
   // have run, so that a kill from a handler reaches this process and never one that took its
   // pid later (ProcessTable::sendKill goes through it).
   std::shared_ptr<ProcessPin> pin;
-  // When the system reported it; for measuring how late the handler runs.
-  std::chrono::steady_clock::time_point reported;
 };
 
 // Every exec and exit on the machine, delivered in the order the system reported them.

@@ -23,11 +23,9 @@ class FakeProcessEvents : public ProcessEventSource {
   std::uint64_t rescans() const override { return 0; }
 
   void exec(pid_t pid, uid_t uid, const std::string& path) {
-    handler_(ProcessEvent{ProcessEvent::Kind::kExec, pid, uid, path, nullptr, {}});
+    handler_(ProcessEvent{ProcessEvent::Kind::kExec, pid, uid, path, nullptr});
   }
-  void exit(pid_t pid) {
-    handler_(ProcessEvent{ProcessEvent::Kind::kExit, pid, 0, {}, nullptr, {}});
-  }
+  void exit(pid_t pid) { handler_(ProcessEvent{ProcessEvent::Kind::kExit, pid, 0, {}, nullptr}); }
 
  private:
   Handler handler_;

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -40,8 +41,8 @@ constexpr std::uint32_t kExecAndExit = 0x00000002u | 0x80000000u;
 // What an exec is: the process pinned first, then its executable and owner read through its
 // /proc folder, so that the pin and what was read are one process. A process that has ended
 // meanwhile reports what could be read, and its pin kills nothing.
-ProcessEvent execEvent(ProcessTable& table, pid_t pid, Clock::time_point reported) {
-  ProcessEvent event{ProcessEvent::Kind::kExec, pid, 0, {}, table.pin(pid), reported};
+ProcessEvent execEvent(ProcessTable& table, pid_t pid) {
+  ProcessEvent event{ProcessEvent::Kind::kExec, pid, 0, {}, table.pin(pid)};
   char name[32];
   std::snprintf(name, sizeof name, "/proc/%d", static_cast<int>(pid));
   const int folder = ::open(name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -64,15 +65,13 @@ std::map<pid_t, std::string> currentTable(ProcessTable& table) {
 // new ones, and the ends.
 void deliverDifference(ProcessTable& table, std::map<pid_t, std::string>& known,
                        const std::function<void(ProcessEvent)>& deliver) {
-  const Clock::time_point now = Clock::now();
   for (ProcessEvent& event : reconcileProcesses(known, table.listExecutables())) {
     if (event.kind == ProcessEvent::Kind::kExec) {
-      ProcessEvent exec = execEvent(table, event.pid, now);
+      ProcessEvent exec = execEvent(table, event.pid);
       // Read again for the pin; a process that ended or changed since keeps the listed path.
       if (exec.path.empty()) exec.path = event.path;
       deliver(std::move(exec));
     } else {
-      event.reported = now;
       deliver(std::move(event));
     }
   }
@@ -233,11 +232,10 @@ class ConnectorSource : public ProcessEventSource {
       return false;
     }
     if (length == 0) return false;
-    const Clock::time_point now = Clock::now();
     for (const ConnectorMessage& message :
          decodeConnectorDatagram({buffer, static_cast<std::size_t>(length)})) {
       if (message.kind == ConnectorMessage::Kind::kExec) {
-        ProcessEvent event = execEvent(table_, message.tgid, now);
+        ProcessEvent event = execEvent(table_, message.tgid);
         known_[event.pid] = event.path;
         deliver(std::move(event));
       } else if (message.kind == ConnectorMessage::Kind::kExit && message.pid == message.tgid) {
@@ -245,8 +243,7 @@ class ConnectorSource : public ProcessEventSource {
         // a new program) is nobody's news either.
         const auto found = known_.find(message.tgid);
         if (found == known_.end()) continue;
-        deliver(
-            ProcessEvent{ProcessEvent::Kind::kExit, message.tgid, 0, found->second, nullptr, now});
+        deliver(ProcessEvent{ProcessEvent::Kind::kExit, message.tgid, 0, found->second, nullptr});
         known_.erase(found);
       }
     }
