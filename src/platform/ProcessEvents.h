@@ -45,10 +45,14 @@ class ProcessEventSource {
 };
 
 // The machine's source: the kernel's process connector when this process may listen to it
-// (root), else a scan of the process table. `log` is told, from any thread, why it scans, and
-// each time the kernel dropped events and the table was read again.
+// (root), else a scan of the process table. `log` is told why it scans, and each time the
+// kernel dropped events and the table was read again. The default receive buffer holds about
+// 250 events, and a burst of launches would overflow it at once: the connector's holds some
+// ten thousand (tests make it small to see what an overflow does).
+inline constexpr int kProcessEventsReceiveBuffer = 8 << 20;
 std::unique_ptr<ProcessEventSource> makeSystemProcessEventSource(
-    ProcessTable& table, std::function<void(const std::string&)> log);
+    ProcessTable& table, std::function<void(const std::string&)> log,
+    int receiveBuffer = kProcessEventsReceiveBuffer);
 
 // What one message of the kernel's process connector says. The decoder takes the bytes of one
 // datagram as read from the socket.

@@ -293,6 +293,27 @@ TEST_F(ProcessConnectorTest, ReportsTheExecAndExitOfEveryOneOfABurstOfTwoThousan
   for (const pid_t pid : started) ASSERT_EQ(execs[pid], catPath) << pid;
 }
 
+TEST_F(ProcessConnectorTest, ReadsTheTableAgainWhenTheKernelDropsEvents) {
+  // A buffer of a few dozen events, and a loop that does not read it during a burst.
+  source = makeSystemProcessEventSource(
+      ProcessTable::system(), [this](const std::string& line) { logged += line; }, 4096);
+  std::map<pid_t, std::string> execs;
+  source->start([&](const ProcessEvent& event) {
+    if (event.kind == ProcessEvent::Kind::kExec) execs[event.pid] = event.path;
+  });
+  for (int i = 0; i < 300; ++i) ::waitpid(spawn("/bin/true"), nullptr, 0);
+  // Its exec was dropped with the rest: only a new look at the table can tell of it.
+  const pid_t waiting = spawn("/bin/sleep", "30");
+  EXPECT_TRUE(RunLoop::current().runUntilCondition([&] { return execs.contains(waiting); }, 10));
+  EXPECT_EQ(execs[waiting], std::filesystem::canonical("/bin/sleep").string());
+  EXPECT_GE(source->rescans(), 1u);
+  EXPECT_NE(logged.find("Process events were lost (the receive buffer overflowed); the process "
+                        "table was read again"),
+            std::string::npos);
+  ::kill(waiting, SIGKILL);
+  ::waitpid(waiting, nullptr, 0);
+}
+
 TEST_F(ProcessConnectorTest, AKillThroughThePinNeverReachesTheProcessThatTookThePidLater) {
   std::map<pid_t, ProcessEvent> execs;
   source->start([&](const ProcessEvent& event) {

@@ -26,9 +26,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Log = std::function<void(const std::string&)>;
 
-// The default receive buffer holds about 250 events: a burst of launches would overflow it
-// at once. The kernel lets root go past the system's limit (SO_RCVBUFFORCE).
-constexpr int kReceiveBuffer = 8 << 20;
 constexpr double kScanInterval = 0.25;
 constexpr int kProofMs = 1000;
 
@@ -260,14 +257,15 @@ class ConnectorSource : public ProcessEventSource {
   std::map<pid_t, std::string> known_;
 };
 
-int openConnector(std::string* why) {
+int openConnector(int receiveBuffer, std::string* why) {
   const int fd = ::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_CONNECTOR);
   if (fd < 0) {
     *why = std::string("Failed to open netlink connector socket: ") + std::strerror(errno);
     return -1;
   }
-  if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer) != 0)
-    (void)::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof kReceiveBuffer);
+  // The kernel lets root go past the system's limit.
+  if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer) != 0)
+    (void)::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
   sockaddr_nl address{};
   address.nl_family = AF_NETLINK;
   address.nl_groups = CN_IDX_PROC;
@@ -281,9 +279,10 @@ int openConnector(std::string* why) {
 
 }  // namespace
 
-std::unique_ptr<ProcessEventSource> makeSystemProcessEventSource(ProcessTable& table, Log log) {
+std::unique_ptr<ProcessEventSource> makeSystemProcessEventSource(ProcessTable& table, Log log,
+                                                                 int receiveBuffer) {
   std::string why;
-  const int fd = openConnector(&why);
+  const int fd = openConnector(receiveBuffer, &why);
   if (fd >= 0) {
     auto connector = std::make_unique<ConnectorSource>(table, log, fd);
     if (connector->subscribe(&why)) return connector;
