@@ -79,7 +79,7 @@ void deliverDifference(ProcessTable& table, std::map<pid_t, std::string>& known,
 // does not see it either.
 class ScanningSource : public ProcessEventSource {
  public:
-  ScanningSource(ProcessTable& table, Log log) : table_(table), log_(std::move(log)) {}
+  explicit ScanningSource(ProcessTable& table) : table_(table) {}
 
   void start(Handler handler) override {
     handler_ = std::move(handler);
@@ -96,7 +96,6 @@ class ScanningSource : public ProcessEventSource {
 
  private:
   ProcessTable& table_;
-  Log log_;
   Handler handler_;
   std::map<pid_t, std::string> known_;
   std::shared_ptr<Timer> timer_;
@@ -113,9 +112,10 @@ class ConnectorSource : public ProcessEventSource {
       : table_(table), log_(std::move(log)), socket_(socket) {}
 
   ~ConnectorSource() override {
-    if (watch_ != nullptr) {
-      g_source_destroy(watch_);
-      g_source_unref(watch_);
+    for (GSource* source : {watch_, earlySource_}) {
+      if (source == nullptr) continue;
+      g_source_destroy(source);
+      g_source_unref(source);
     }
     ::close(socket_);
   }
@@ -142,7 +142,13 @@ class ConnectorSource : public ProcessEventSource {
                           this, nullptr);
     g_source_attach(watch_, RunLoop::current().context());
     // What was heard while the subscription was proven comes first, at the loop's next turn.
-    RunLoop::current().post([this] { deliverEarly(); });
+    earlySource_ = g_idle_source_new();
+    g_source_set_callback(earlySource_, G_SOURCE_FUNC(+[](gpointer self) -> gboolean {
+                            static_cast<ConnectorSource*>(self)->deliverEarly();
+                            return G_SOURCE_REMOVE;
+                          }),
+                          this, nullptr);
+    g_source_attach(earlySource_, RunLoop::current().context());
   }
   std::string mode() const override { return "connector"; }
   std::uint64_t rescans() const override { return rescans_; }
@@ -253,6 +259,7 @@ class ConnectorSource : public ProcessEventSource {
   std::uint64_t rescans_ = 0;
   Handler handler_;
   GSource* watch_ = nullptr;         // a reference of our own
+  GSource* earlySource_ = nullptr;   // a reference of our own
   std::vector<ProcessEvent> early_;  // heard while proving, before start
   std::map<pid_t, std::string> known_;
 };
@@ -288,7 +295,7 @@ std::unique_ptr<ProcessEventSource> makeSystemProcessEventSource(ProcessTable& t
     if (connector->subscribe(&why)) return connector;
   }
   log(why + "; watching the process table every 0.25 s instead");
-  return std::make_unique<ScanningSource>(table, log);
+  return std::make_unique<ScanningSource>(table);
 }
 
 }  // namespace vesk
