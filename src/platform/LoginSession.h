@@ -71,6 +71,8 @@ std::optional<std::string> consoleOwnerName();
 std::string currentUserShortName();
 // The name of user `uid` in the system's user database; empty when there is none.
 std::string userNameForUid(uid_t uid);
+// The home folder of user `uid`; empty when the system has none for it.
+std::string homeOfUser(uid_t uid);
 
 // What a PropertiesChanged signal of the login manager says of a session: each property the
 // session layer follows, when it came with a value of the right type.

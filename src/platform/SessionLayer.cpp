@@ -1,32 +1,20 @@
 #include "platform/SessionLayer.h"
 
-#include <pwd.h>
 #include <unistd.h>
+
+#include <string>
+#include <vector>
 
 #include "foundation/Paths.h"
 #include "foundation/RunLoop.h"
 
 namespace vesk {
-namespace {
-
-std::string homeOfRealUser() {
-  passwd entry;
-  passwd* found = nullptr;
-  char buffer[4096];
-  if (::getpwuid_r(::getuid(), &entry, buffer, sizeof buffer, &found) != 0 || found == nullptr)
-    return {};
-  return found->pw_dir != nullptr ? found->pw_dir : "";
-}
-
-}  // namespace
-
 SessionLayer::SessionLayer(GDBusConnection* systemBus, Log log) : log_(std::move(log)) {
   processes_ = makeSystemProcessEventSource(ProcessTable::system(), log_);
   screenSaver_ = makeSessionBusScreenSaver();
   login_ = makeLogindSession(systemBus,
                              [this] { return screenSaverStarted_ && screenSaver_->present(); });
-  const std::string home = homeOfRealUser();
-  desktop_ = makeSystemDesktopApplications(home);
+  desktop_ = makeSystemDesktopApplications(homeOfUser(::getuid()));
 }
 
 SessionLayer::~SessionLayer() = default;
@@ -48,13 +36,22 @@ void SessionLayer::start(Workspace::ExecHook execHook, SessionEventSink distribu
   // for a program that may trust its environment (the session tool run by hand).
   std::string display = login_->display();
   if (display.empty()) display = secureEnvironmentValue("DISPLAY").value_or("");
-  const std::string authority =
-      secureEnvironmentValue("XAUTHORITY").value_or(homeOfRealUser() + "/.Xauthority");
   if (display.empty()) {
     frontWindow_ = makeNoFrontWindow();
   } else {
+    // Where display managers leave the user's cookie: the home (LightDM, startx), GDM's run
+    // folder; the environment's word only where it may be trusted.
+    std::vector<std::string> authorities = {
+        homeOfUser(::getuid()) + "/.Xauthority",
+        fsPath("/run/user/" + std::to_string(::getuid()) + "/gdm/Xauthority")};
+    if (std::optional<std::string> given = secureEnvironmentValue("XAUTHORITY"))
+      authorities.insert(authorities.begin(), *given);
     std::string why;
-    frontWindow_ = makeX11FrontWindow(display, authority, &why);
+    for (const std::string& authority : authorities) {
+      why.clear();
+      frontWindow_ = makeX11FrontWindow(display, authority, &why);
+      if (why.empty()) break;
+    }
     if (!why.empty()) log_("The front window cannot be asked: " + why);
   }
   workspace_ = std::make_unique<Workspace>(::getuid(), ProcessTable::system(), *processes_,

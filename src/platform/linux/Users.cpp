@@ -10,7 +10,10 @@
 
 namespace vesk {
 
-std::string userNameForUid(uid_t uid) {
+namespace {
+
+// A field of user `uid`'s entry in the user database; empty when there is none.
+std::string userField(uid_t uid, char* passwd::*field) {
   const long suggested = ::sysconf(_SC_GETPW_R_SIZE_MAX);
   std::vector<char> buffer(suggested > 0 ? static_cast<std::size_t>(suggested) : 4096);
   // A directory service may hold entries larger than the C library suggests.
@@ -22,10 +25,16 @@ std::string userNameForUid(uid_t uid) {
       buffer.resize(buffer.size() * 2);
       continue;
     }
-    if (error != 0 || found == nullptr || found->pw_name == nullptr) return "";
-    return found->pw_name;
+    if (error != 0 || found == nullptr || found->*field == nullptr) return "";
+    return found->*field;
   }
 }
+
+}  // namespace
+
+std::string userNameForUid(uid_t uid) { return userField(uid, &passwd::pw_name); }
+
+std::string homeOfUser(uid_t uid) { return userField(uid, &passwd::pw_dir); }
 
 std::string currentUserShortName() { return userNameForUid(::getuid()); }
 
