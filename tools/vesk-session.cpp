@@ -19,8 +19,8 @@
 #include "ToolSupport.h"
 #include "foundation/RunLoop.h"
 #include "notifications/SystemBus.h"
-#include "platform/LoginSession.h"
 #include "platform/SessionLayer.h"
+#include "platform/Users.h"
 
 namespace {
 

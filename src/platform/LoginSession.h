@@ -64,16 +64,6 @@ class ScreenSaver {
 // environment.
 std::unique_ptr<ScreenSaver> makeSessionBusScreenSaver();
 
-// The owner of fsPath("/dev/console"): who is at the screen where there is no login manager.
-std::optional<std::string> consoleOwnerName();
-// The short name of the real user running this process; empty when the system has no name for
-// it.
-std::string currentUserShortName();
-// The name of user `uid` in the system's user database; empty when there is none.
-std::string userNameForUid(uid_t uid);
-// The home folder of user `uid`; empty when the system has none for it.
-std::string homeOfUser(uid_t uid);
-
 // What a PropertiesChanged signal of the login manager says of a session: each property the
 // session layer follows, when it came with a value of the right type.
 struct SessionProperties {

@@ -7,6 +7,7 @@
 
 #include "foundation/Paths.h"
 #include "foundation/RunLoop.h"
+#include "platform/Users.h"
 
 namespace vesk {
 SessionLayer::SessionLayer(GDBusConnection* systemBus, Log log) : log_(std::move(log)) {

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 #include <fnmatch.h>
-#include <pwd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -10,6 +9,7 @@
 #include "foundation/FileManager.h"
 #include "foundation/StringHelpers.h"
 #include "logging/VKLogging.h"
+#include "platform/Users.h"
 
 namespace vesk {
 namespace {
@@ -277,13 +277,7 @@ void EnforceRestrictionsAgentStrategy::checkProcess(const Dictionary& process) {
 std::optional<std::string> EnforceRestrictionsAgentStrategy::userNameForUid(uid_t uid) {
   const auto known = userNames_.find(uid);
   if (known != userNames_.end()) return known->second;
-  passwd entry{};
-  passwd* found = nullptr;
-  char buffer[4096];
-  std::string name;
-  if (::getpwuid_r(uid, &entry, buffer, sizeof buffer, &found) == 0 && found != nullptr &&
-      found->pw_name != nullptr)
-    name = found->pw_name;
+  std::string name = vesk::userNameForUid(uid);
   userNames_.emplace(uid, name);
   return name;
 }

@@ -19,8 +19,9 @@
 #include "helpers/TestSupport.h"
 #include "platform/ChildProcess.h"
 #include "platform/DesktopApplications.h"
-#include "platform/LoginSession.h"
 #include "platform/ProcessEvents.h"
+#include "platform/SessionEvents.h"
+#include "platform/Users.h"
 #include "platform/Workspace.h"
 
 extern char** environ;

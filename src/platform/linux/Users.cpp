@@ -1,3 +1,5 @@
+#include "platform/Users.h"
+
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -6,7 +8,6 @@
 #include <vector>
 
 #include "foundation/Paths.h"
-#include "platform/LoginSession.h"
 
 namespace vesk {
 
