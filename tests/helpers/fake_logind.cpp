@@ -4,7 +4,9 @@
 //   active|locked|idle true|false   the session's property, announced with its value
 //   state VALUE                     the session's State, announced without its value
 //   remove PATH                     SessionRemoved
-//   inhibitors                      "held N of M": delay inhibitors still held, of all asked for
+//   inhibitors N                    "held H of M": delay inhibitors still held, of all asked for,
+//                                   once no more than N are held or five seconds have passed
+//                                   (a closed descriptor may reach us late: the bus hands it on)
 // --user-unit: the caller is in no session, its user's graphical one is on ":7";
 // --refuse-inhibit: Inhibit is denied.
 #include <gio/gio.h>
@@ -12,6 +14,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <map>
 #include <set>
 #include <string>
@@ -97,10 +100,17 @@ std::string command(Logind& logind, const std::string& verb, const std::string& 
                  (verb == "state" ? "@a{sv} {}, ['State'])"
                                   : "{'" + name + "': <" + argument + ">}, @as [])");
   } else if (verb == "inhibitors") {
-    // A client closing its end of the pipe leaves ours hung up.
-    const int released = ::poll(logind.inhibitors.data(), logind.inhibitors.size(), 0);
-    return "held " + std::to_string(logind.inhibitors.size() - released) + " of " +
-           std::to_string(logind.asked);
+    // A client closing its end of the pipe leaves ours hung up. Waits on those still held.
+    const auto held = [&logind](int wait) {
+      std::vector<pollfd> open;
+      for (pollfd fd : logind.inhibitors)
+        if (::poll(&fd, 1, 0) == 0) open.push_back(fd);
+      if (wait > 0 && !open.empty()) ::poll(open.data(), open.size(), wait);
+      return static_cast<int>(open.size());
+    };
+    const int most = std::atoi(argument.c_str());
+    for (int turns = 0; turns < 50 && held(0) > most; ++turns) held(100);
+    return "held " + std::to_string(held(0)) + " of " + std::to_string(logind.asked);
   } else {
     return "unknown: " + verb;
   }
