@@ -1,15 +1,50 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
 #include "agent/VKCommand.h"
+#include "foundation/RunLoop.h"
+#include "foundation/VESKSystemInformation.h"
+#include "foundation/Value.h"
+#include "notifications/DistributedNotificationCenter.h"
+#include "notifications/VESKNotificationCenter.h"
+#include "platform/SessionLayer.h"
+#include "restrictions/EnforceRestrictionsAgentStrategy.h"
 
 namespace vesk {
 
-// The agent itself, and the verb every command line falls through to. This program does not
-// carry the agent's run loop yet: the verb says so plainly on standard error and exits 1
-// rather than pretend to run.
-class LaunchAgentCommand : public VKCommand {
+class DaemonObserverEndpoint;
+
+// A notification as its handler sees it.
+struct AgentNotification {
+  std::string name;
+  std::optional<std::string> object;
+  Dictionary userInfo;
+
+  std::string description() const;
+};
+
+// The agent itself, and the verb every command line falls through to: one runs in each user's
+// graphical session. It replaces an older agent of the same user, relays the session's events
+// to the root daemon, enforces the restricted-software list at every exec and in a pass every
+// fifteen seconds, and serves the daemon's requests, until the daemon tells it to stop or
+// remove itself.
+//
+// Everything but the daemon's requests runs on the main thread: start-up, the run loop, every
+// handler and the timer. A request is served on a thread of its own.
+class LaunchAgentCommand : public VKCommand, public EnforcementCommand {
  public:
   static constexpr const char* kVerbName = "launchAgent";
+
+  ~LaunchAgentCommand() override;
 
   std::string className() const override { return "LaunchAgentCommand"; }
   // The blank between the tab and "vesk" is the agent's own; kept as it always was.
@@ -20,8 +55,141 @@ class LaunchAgentCommand : public VKCommand {
   bool hiddenVerb() const override { return true; }
   bool rootRequired() const override { return false; }
 
+  // Fields.
+  bool allNotifications() const { return allNotifications_; }
+  void setAllNotifications(bool value) { allNotifications_ = value; }
+  bool activated() const { return activated_; }
+  void setActivated(bool value) { activated_ = value; }
+  Workspace& workspace() { return session_->workspace(); }
+  DistributedNotificationCenter& notificationCenter() { return *notificationCenter_; }
+  const std::shared_ptr<VESKNotificationCenter>& daemonNotificationCenter() const {
+    return daemonNotificationCenter_;
+  }
+  std::optional<std::string> userName() override { return userName_; }
+  void setUserName(std::string name) { userName_ = std::move(name); }
+  EnforceRestrictionsAgentStrategy* enfStrat() const { return enfStrat_.get(); }
+  uid_t uid() const { return uid_; }
+  bool exitLaunchAgent() const { return exitLaunchAgent_; }
+  void setExitLaunchAgent(bool value) { exitLaunchAgent_ = value; }
+  std::string dexloPath() const;
+  void setDexloPath(std::string path);
+  const VESKSystemInformation& systemInfo() const { return systemInfo_; }
+
+  // Start-up and the single-instance rule.
+  // What execute does before its loop: false when this agent is to end at once.
+  bool startAgent();
+  bool elevatePrivileges();
+  bool isTenNine() const;
+  bool isGuestAccount() const;
+  bool isGuestAccountOnTenNine() const { return isTenNine() && isGuestAccount(); }
+  bool isAgentAlreadyRunning();
+  bool guestAccountOnTenNineAlreadyRunning() {
+    return isGuestAccountOnTenNine() && isAgentAlreadyRunning();
+  }
+  void checkAgentAlreadyRunningForCurrentUser();
+  void writePIDFile();
+  // "/Library/Application Support/VESK/bin/<user>.pid", resolved.
+  std::string pidFilePath() const;
+  void checkShouldBeActive();
+
+  // The enforcement pass every fifteen seconds.
+  void startFewSecondsTimer();
+  void stopFewSecondsTimer();
+  void fewSecondHandler(Timer& timer);
+
+  // The ways the agent ends.
+  void userLogOut(const AgentNotification& notification);
+  void stopAgent(const AgentNotification& notification);
+  void removeAgent(const AgentNotification& notification);
+
+  // The session event relay.
+  void postNotificationToDaemon(const std::string& name, const Dictionary& userInfo) override;
+  bool respondsToSelector(std::string_view selector) const override;
+  void registerEventListeners();
+  void registerActivationEventListener();
+  void registerWorkspaceEventListeners();
+  void registerDistributedNotificationCenterEventListeners();
+  void registerDeactivatedListeners();
+  void unregisterListeners();
+  void postWorkspaceActivatedMessageToDaemon();
+  void grabAlreadyRunningApps();
+  void activatedApplication();
+  std::string logoutEventName() const;
+
+  void modernActivatedApplication(const AgentNotification& notification);
+  void launchingApplication(const AgentNotification& notification);
+  void launchedApplication(const AgentNotification& notification);
+  void terminatedApplication(const AgentNotification& notification);
+  void systemSleep(const AgentNotification& notification);
+  void systemWake(const AgentNotification& notification);
+  void systemPowerOff(const AgentNotification& notification);
+  void workspaceActivated(const AgentNotification& notification);
+  void workspaceDeactivated(const AgentNotification& notification);
+  void screenSaverActivated(const AgentNotification& notification);
+  void screenSaverDeactivated(const AgentNotification& notification);
+  void screenLocked(const AgentNotification& notification);
+  void screenUnlocked(const AgentNotification& notification);
+  void survoStarting(const AgentNotification& notification);
+  void updateBadgeQuantityDelayed(const AgentNotification& notification);
+  void notificationMessageActivated(const AgentNotification& notification);
+  void handleAnyNotification(const AgentNotification& notification);
+
+  // The daemon's requests.
+  void registerForDexloMessageRelayedFromDaemon();
+  void requestFromVeskDaemon(const Dictionary& userInfo);
+
  protected:
+  friend class VKCommand;
+  LaunchAgentCommand();
+
+  void preInitialize() override;
+  void onInitialize() override;
   int execute() override;
+
+  // Where the agent meets the machine; tests put fakes in their place.
+  virtual std::unique_ptr<UserSession> makeUserSession();
+  virtual TimerSource& timers() { return RunLoop::current(); }
+  virtual ProcessTable& processTable() { return ProcessTable::system(); }
+  // Posts `userInfo` (with "Username" already in it) through the daemon's center.
+  virtual void sendToDaemon(const std::string& name, const Dictionary& userInfo);
+  // Ends the process once what was posted has reached the daemon.
+  virtual void exitProcess(int status);
+
+ private:
+  using Handler = void (LaunchAgentCommand::*)(const AgentNotification&);
+
+  void observeWorkspace(const std::string& name, Handler handler);
+  void observeDistributed(const std::optional<std::string>& name, Handler handler);
+  // Every exec of the machine, before the launch is reported: the restricted list's check.
+  void enforceAtExec(const ProcessEvent& event);
+  // Drops the user id to the one the agent started with, runs launchctl with `arguments`,
+  // and ends the process.
+  void unloadSelf(const std::vector<std::string>& arguments);
+
+  bool allNotifications_ = false;
+  bool activated_ = false;
+  std::unique_ptr<UserSession> session_;
+  DistributedNotificationCenter* notificationCenter_ = nullptr;
+  std::shared_ptr<VESKNotificationCenter> daemonNotificationCenter_;
+  std::string userName_;
+  std::unique_ptr<EnforceRestrictionsAgentStrategy> enfStrat_;
+  std::shared_ptr<Timer> fewSecondsTimer_;
+  uid_t uid_ = 0;
+  bool exitLaunchAgent_ = false;
+  VESKSystemInformation systemInfo_;
+
+  // Touched by the daemon's requests on their threads as well.
+  mutable std::mutex policyLock_;
+  std::string dexloPath_;  // guarded by policyLock_
+
+  std::vector<Workspace::ObserverId> workspaceObservers_;
+  std::vector<DistributedNotificationCenter::ObserverId> distributedObservers_;
+  // Whether the launch listener is installed: the exec check runs only then, as the launch
+  // handler's would.
+  bool checkingLaunches_ = false;
+  // The process whose exec was just checked, so that its launch is not checked twice.
+  std::optional<pid_t> checkedAtExec_;
+  std::unique_ptr<DaemonObserverEndpoint> daemonObserver_;
 };
 
 }  // namespace vesk

@@ -10,6 +10,7 @@
 #include "logging/VKLogging.h"
 #include "notifications/DBusValue.h"
 #include "notifications/SystemBus.h"
+#include "platform/ProcessSecurity.h"
 
 namespace vesk {
 namespace {
@@ -167,8 +168,8 @@ bool DistributedNotificationCenter::senderAllowed(const std::string& sender) {
   const std::optional<uid_t> found =
       bus != nullptr ? connectionUnixUser(bus, sender) : std::optional<uid_t>();
   const long uid = found ? static_cast<long>(*found) : -1L;
-  // The real user: a set-user-id agent is root only in its effective id.
-  const bool allowed = uid == 0 || uid == static_cast<long>(::getuid());
+  // The user who started the agent, which may have made itself root since.
+  const bool allowed = uid == 0 || uid == static_cast<long>(startingUserId());
   bool first = false;
   {
     std::lock_guard<std::mutex> hold(lock_);

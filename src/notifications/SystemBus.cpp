@@ -134,8 +134,8 @@ std::uint64_t systemBusGeneration() {
 bool systemBusIsRoot() {
   BusState& bus = state();
   std::lock_guard<std::mutex> hold(bus.lock);
-  // The connection is made as the real user.
-  return bus.connection != nullptr && ::getuid() == 0;
+  // The connection is made as the user who started the process.
+  return bus.connection != nullptr && startingUserId() == 0;
 }
 
 bool exitWhenSystemBusLost(std::function<void(const std::string&)> announce, std::string* why) {

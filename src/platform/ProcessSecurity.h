@@ -18,11 +18,17 @@ bool isSetUserIdExecution();
 // interpreter paths, and no locale given as a file path. Otherwise all of it.
 std::vector<std::string> inheritableEnvironment();
 
-// While it lives, the calling thread acts as the real user and group of a set-user-id or
-// set-group-id process: its effective ids are the real ones. Other threads keep theirs, and
-// nothing changes in a process whose ids are already equal. For what must be done in the
-// user's name rather than root's, such as connecting to the system bus, which takes a peer's
-// credentials when the connection is made.
+// The real user and group that started this process. The agent makes itself root in every
+// id once it runs (set-user-id root), after which its real ids no longer say who it serves:
+// these do, taken before main() runs.
+uid_t startingUserId();
+gid_t startingGroupId();
+
+// While it lives, the calling thread acts as the user and group that started a set-user-id or
+// set-group-id process: its effective ids are the starting real ones. Other threads keep theirs,
+// and nothing changes in a process whose ids are already equal. For what must be done in the user's
+// name rather than root's, such as connecting to the system bus, which takes a peer's credentials
+// when the connection is made.
 class ActingAsRealUser {
  public:
   ActingAsRealUser();

@@ -7,6 +7,7 @@
 
 #include "foundation/Paths.h"
 #include "foundation/RunLoop.h"
+#include "platform/ProcessSecurity.h"
 #include "platform/Users.h"
 
 namespace vesk {
@@ -15,7 +16,7 @@ SessionLayer::SessionLayer(GDBusConnection* systemBus, Log log) : log_(std::move
   screenSaver_ = makeSessionBusScreenSaver();
   login_ = makeLogindSession(systemBus,
                              [this] { return screenSaverStarted_ && screenSaver_->present(); });
-  desktop_ = makeSystemDesktopApplications(homeOfUser(::getuid()));
+  desktop_ = makeSystemDesktopApplications(homeOfUser(startingUserId()));
 }
 
 SessionLayer::~SessionLayer() = default;
@@ -43,8 +44,8 @@ void SessionLayer::start(Workspace::ExecHook execHook, SessionEventSink distribu
     // Where display managers leave the user's cookie: the home (LightDM, startx), GDM's run
     // folder; the environment's word only where it may be trusted.
     std::vector<std::string> authorities = {
-        homeOfUser(::getuid()) + "/.Xauthority",
-        fsPath("/run/user/" + std::to_string(::getuid()) + "/gdm/Xauthority")};
+        homeOfUser(startingUserId()) + "/.Xauthority",
+        fsPath("/run/user/" + std::to_string(startingUserId()) + "/gdm/Xauthority")};
     if (std::optional<std::string> given = secureEnvironmentValue("XAUTHORITY"))
       authorities.insert(authorities.begin(), *given);
     std::string why;
@@ -55,7 +56,7 @@ void SessionLayer::start(Workspace::ExecHook execHook, SessionEventSink distribu
     }
     if (!why.empty()) log_("The front window cannot be asked: " + why);
   }
-  workspace_ = std::make_unique<Workspace>(::getuid(), ProcessTable::system(), *processes_,
+  workspace_ = std::make_unique<Workspace>(startingUserId(), ProcessTable::system(), *processes_,
                                            *desktop_, *frontWindow_, RunLoop::current());
   workspace_->setExecHook(std::move(execHook));
   workspace_->start();

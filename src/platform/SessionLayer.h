@@ -18,31 +18,43 @@ typedef struct _GDBusConnection GDBusConnection;
 
 namespace vesk {
 
+// What the agent needs of its user's session. Made, started and used on one thread, whose run
+// loop delivers everything.
+class UserSession {
+ public:
+  virtual ~UserSession() = default;
+  // `execHook` sees every exec of the machine first (see Workspace::setExecHook);
+  // `distributed` gets the events that the distributed center's observers hear.
+  virtual void start(Workspace::ExecHook execHook, SessionEventSink distributed) = 0;
+  // Valid once started.
+  virtual Workspace& workspace() = 0;
+  // Who is at the screen.
+  virtual std::optional<std::string> consoleUser() = 0;
+};
+
 // The sources of the user's session, made for this machine and wired together: processes,
 // applications and the front window into the workspace; the login manager's sleep, wake,
 // power-off and switching into the workspace's center; screen saver, lock and log-out to the
 // distributed observers. Made, started and used on one thread, whose run loop delivers
 // everything.
-class SessionLayer {
+class SessionLayer : public UserSession {
  public:
   using Log = std::function<void(const std::string&)>;
 
   // `systemBus` may be null (no bus: no login manager either). `log` hears, once each, what
   // is missing and how the layer copes.
   SessionLayer(GDBusConnection* systemBus, Log log);
-  ~SessionLayer();
+  ~SessionLayer() override;
   SessionLayer(const SessionLayer&) = delete;
   SessionLayer& operator=(const SessionLayer&) = delete;
 
-  // `execHook` sees every exec of the machine first (see Workspace::setExecHook);
-  // `distributed` gets the events that the distributed center's observers hear.
-  void start(Workspace::ExecHook execHook, SessionEventSink distributed);
+  void start(Workspace::ExecHook execHook, SessionEventSink distributed) override;
 
-  Workspace& workspace() { return *workspace_; }
+  Workspace& workspace() override { return *workspace_; }
   ProcessEventSource& processes() { return *processes_; }
   // Who is at the screen: the user of the seat's active session, else the owner of the
   // console.
-  std::optional<std::string> consoleUser();
+  std::optional<std::string> consoleUser() override;
   // Whether the login manager answers.
   bool hasLoginManager() const { return loginManager_; }
 

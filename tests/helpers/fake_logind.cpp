@@ -8,7 +8,7 @@
 //                                   once no more than N are held or five seconds have passed
 //                                   (a closed descriptor may reach us late: the bus hands it on)
 // --user-unit: the caller is in no session, its user's graphical one is on ":7";
-// --refuse-inhibit: Inhibit is denied.
+// --refuse-inhibit: Inhibit is denied; --user=NAME: the session is NAME's, not someone's.
 #include <gio/gio.h>
 #include <gio/gunixfdlist.h>
 #include <poll.h>
@@ -139,6 +139,8 @@ int main(int argc, char** argv) {
   Logind logind;
   logind.options.insert(argv + 1, argv + argc);
   if (logind.options.count("--user-unit") != 0) logind.session["Display"] = "':7'";
+  for (const std::string& option : logind.options)
+    if (option.starts_with("--user=")) logind.session["Name"] = "'" + option.substr(7) + "'";
   GError* error = nullptr;
   logind.bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
   if (logind.bus == nullptr) g_error("%s", error->message);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/LoginSession.h"
+#include "platform/ProcessSecurity.h"
 
 namespace vesk {
 namespace {
@@ -142,7 +143,7 @@ class LogindSession final : public LoginSession {
     g_clear_error(&error);
     // A process of a systemd user unit belongs to no session: the user's graphical session is
     // the one it serves.
-    std::optional<std::string> user = objectCall("GetUser", ::getuid(), &error);
+    std::optional<std::string> user = objectCall("GetUser", startingUserId(), &error);
     if (user) path = objectProperty(user->c_str(), kUser, "Display", &error);
     if (!path) {
       why_ = "Unable to find the login session: " + noSession +

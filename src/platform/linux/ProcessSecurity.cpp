@@ -6,18 +6,29 @@
 
 namespace vesk {
 
+namespace {
+
+// Static initialisation runs before main(), so before anything could change the ids.
+const uid_t startingUid = ::getuid();
+const gid_t startingGid = ::getgid();
+
+}  // namespace
+
+uid_t startingUserId() { return startingUid; }
+gid_t startingGroupId() { return startingGid; }
+
 bool isSetUserIdExecution() { return ::getauxval(AT_SECURE) != 0; }
 
 // The C library's setresuid changes every thread of the process; the system call itself
 // changes only the calling thread, which is what is wanted here. The saved ids stay as they
 // are, so the effective ones can be taken back.
 ActingAsRealUser::ActingAsRealUser() : effectiveUid_(::geteuid()), effectiveGid_(::getegid()) {
-  const gid_t realGid = ::getgid();
+  const gid_t realGid = startingGid;
   if (realGid != effectiveGid_) {
     gidSwitched_ = ::syscall(SYS_setresgid, -1, realGid, -1) == 0;
     acting_ = gidSwitched_;
   }
-  const uid_t realUid = ::getuid();
+  const uid_t realUid = startingUid;
   if (acting_ && realUid != effectiveUid_) {
     uidSwitched_ = ::syscall(SYS_setresuid, -1, realUid, -1) == 0;
     acting_ = uidSwitched_;

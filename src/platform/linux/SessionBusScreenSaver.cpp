@@ -39,7 +39,7 @@ class SessionBusScreenSaver final : public ScreenSaver {
   }
 
   bool start(SessionEventSink sink) override {
-    const std::string socket = fsPath("/run/user/" + std::to_string(::getuid()) + "/bus");
+    const std::string socket = fsPath("/run/user/" + std::to_string(startingUserId()) + "/bus");
     gchar* escaped = g_dbus_address_escape_value(socket.c_str());
     const std::string address = std::string("unix:path=") + escaped;
     g_free(escaped);

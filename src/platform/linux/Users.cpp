@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "foundation/Paths.h"
+#include "platform/ProcessSecurity.h"
 
 namespace vesk {
 
@@ -37,7 +38,7 @@ std::string userNameForUid(uid_t uid) { return userField(uid, &passwd::pw_name);
 
 std::string homeOfUser(uid_t uid) { return userField(uid, &passwd::pw_dir); }
 
-std::string currentUserShortName() { return userNameForUid(::getuid()); }
+std::string currentUserShortName() { return userNameForUid(startingUserId()); }
 
 std::optional<std::string> consoleOwnerName() {
   struct stat status {};
