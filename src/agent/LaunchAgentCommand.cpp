@@ -111,9 +111,12 @@ void LaunchAgentCommand::onInitialize() {
 }
 
 int LaunchAgentCommand::execute() {
-  if (!startAgent()) return 0;
-  exitLaunchAgent_ = false;
-  while (!exitLaunchAgent_) RunLoop::current().runUntil(1.0);
+  if (startAgent()) {
+    exitLaunchAgent_ = false;
+    while (!exitLaunchAgent_) RunLoop::current().runUntil(1.0);
+  }
+  // Posts travel on a thread of their own: what was said is not lost with the process.
+  VESKNotificationCenter::waitForPosts(kLastPostsSeconds);
   return 0;
 }
 
