@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <vector>
 
 #include "foundation/RunLoop.h"
 #include "logging/VKLogging.h"
@@ -130,10 +131,20 @@ bool DistributedNotificationCenter::postNotificationName(const std::string& name
 void DistributedNotificationCenter::deliverLocally(const std::string& name,
                                                    const std::optional<std::string>& object,
                                                    const Dictionary& userInfo) {
-  std::lock_guard<std::mutex> hold(lock_);
-  for (const auto& entry : observers_) {
-    const std::shared_ptr<Observer>& observer = entry.second;
-    if (observer->name && *observer->name != name) continue;
+  std::vector<std::shared_ptr<Observer>> observers;
+  {
+    std::lock_guard<std::mutex> hold(lock_);
+    for (const auto& entry : observers_)
+      if (!entry.second->name || *entry.second->name == name) observers.push_back(entry.second);
+  }
+  GMainContext* here = RunLoop::current().context();
+  for (const std::shared_ptr<Observer>& observer : observers) {
+    // Observers of this thread hear it now, so that events the session reports one after the
+    // other keep their order whichever center carries them; the others at their loop's turn.
+    if (observer->context == here) {
+      if (observer->active) observer->handler(name, object, userInfo);
+      continue;
+    }
     RunLoop::postTo(observer->context, [observer, name, object, userInfo] {
       if (observer->active) observer->handler(name, object, userInfo);
     });
