@@ -140,7 +140,11 @@ int main(int argc, char** argv) {
   logind.options.insert(argv + 1, argv + argc);
   if (logind.options.count("--user-unit") != 0) logind.session["Display"] = "':7'";
   for (const std::string& option : logind.options)
-    if (option.starts_with("--user=")) logind.session["Name"] = "'" + option.substr(7) + "'";
+    if (option.starts_with("--user=")) {
+      std::string quoted(1, '\'');  // GVariant's text form of a string
+      quoted.append(option, 7).push_back('\'');
+      logind.session["Name"] = quoted;
+    }
   GError* error = nullptr;
   logind.bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
   if (logind.bus == nullptr) g_error("%s", error->message);
