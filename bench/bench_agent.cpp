@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "Latencies.h"
 #include "agent/LaunchAgentCommand.h"
 #include "fakes/FakeUserSession.h"
 #include "helpers/PrivateBus.h"
@@ -33,6 +34,8 @@
 extern char** environ;
 
 namespace {
+
+using vesk::bench::report;
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
@@ -60,22 +63,15 @@ double spawnToEnd(const std::vector<std::string>& arguments, int expected) {
   return ended == expected ? micros : -1;
 }
 
-double percentile(std::vector<double> values, double p) {
-  std::sort(values.begin(), values.end());
-  return values[std::min(values.size() - 1, static_cast<std::size_t>(p * values.size()))];
-}
-
-void report(const char* what, const std::vector<double>& micros) {
-  std::printf("%-46s p50 %7.1f us  p99 %7.1f us  max %8.1f us\n", what, percentile(micros, 0.5),
-              percentile(micros, 0.99), *std::max_element(micros.begin(), micros.end()));
-}
-
 // vesk-center serve, counting the posts it prints.
 class Daemon {
  public:
   Daemon() {
-    process_ = vesk::ChildProcess::launch({VESK_CENTER_TOOL, {"serve"}, std::nullopt,
-                                           vesk::StdioMode::kPipe, vesk::StdioMode::kPipe,
+    process_ = vesk::ChildProcess::launch({VESK_CENTER_TOOL,
+                                           {"serve"},
+                                           std::nullopt,
+                                           vesk::StdioMode::kPipe,
+                                           vesk::StdioMode::kPipe,
                                            vesk::StdioMode::kInherit});
     process_->closeInput();
     reader_ = std::thread([this] {
@@ -193,9 +189,10 @@ int main() {
   const long after = residentKilobytes(agentPid);
   std::printf("%-46s %8.0f events/s\n", "login manager -> agent -> vesk-center",
               kEvents / relaySeconds);
-  std::printf("%-46s %6ld kB idle (target 10240), %6ld kB after %ld events (%+ld kB, target "
-              "+1024)\n",
-              "agent resident memory", idle, after, kEvents, after - idle);
+  std::printf(
+      "%-46s %6ld kB idle (target 10240), %6ld kB after %ld events (%+ld kB, target "
+      "+1024)\n",
+      "agent resident memory", idle, after, kEvents, after - idle);
 
   agent->terminate();
   agent->waitUntilExit();

@@ -17,12 +17,15 @@
 #include <thread>
 #include <vector>
 
+#include "Latencies.h"
 #include "foundation/RunLoop.h"
 #include "platform/ProcessEvents.h"
 
 extern char** environ;
 
 namespace {
+
+using vesk::bench::report;
 
 using Clock = std::chrono::steady_clock;
 
@@ -37,16 +40,6 @@ pid_t spawnTrue() {
   pid_t pid = 0;
   char* arguments[] = {const_cast<char*>("/bin/true"), nullptr};
   return ::posix_spawn(&pid, "/bin/true", nullptr, nullptr, arguments, environ) == 0 ? pid : -1;
-}
-
-double percentile(std::vector<double> values, double p) {
-  std::sort(values.begin(), values.end());
-  return values[std::min(values.size() - 1, static_cast<std::size_t>(p * values.size()))];
-}
-
-void report(const char* what, const std::vector<double>& micros) {
-  std::printf("%-44s p50 %7.1f us  p99 %7.1f us  max %8.1f us\n", what, percentile(micros, 0.5),
-              percentile(micros, 0.99), *std::max_element(micros.begin(), micros.end()));
 }
 
 }  // namespace
