@@ -236,7 +236,12 @@ void LaunchAgentCommand::stopFewSecondsTimer() {
 }
 
 void LaunchAgentCommand::fewSecondHandler(Timer&) {
-  if (enfStrat_) enfStrat_->fewSecondHandler();
+  if (!enfStrat_) return;
+  try {
+    enfStrat_->fewSecondHandler();
+  } catch (const std::exception& failure) {
+    VKLogging::logEventAndPrintVerbose("The pass over the processes failed: {}", failure.what());
+  }
 }
 
 // --- How the agent ends ---

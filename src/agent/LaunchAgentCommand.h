@@ -158,6 +158,7 @@ class LaunchAgentCommand : public VKCommand, public EnforcementCommand {
  private:
   using Handler = void (LaunchAgentCommand::*)(const AgentNotification&);
 
+  void handle(Handler handler, const AgentNotification& notification);
   void observeWorkspace(const std::string& name, Handler handler);
   void observeDistributed(const std::optional<std::string>& name, Handler handler);
   // Every exec of the machine, before the launch is reported: the restricted list's check.

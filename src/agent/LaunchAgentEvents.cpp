@@ -55,10 +55,21 @@ bool LaunchAgentCommand::respondsToSelector(std::string_view selector) const {
 
 // --- Listeners ---
 
+void LaunchAgentCommand::handle(Handler handler, const AgentNotification& notification) {
+  // One event that fails is logged; it never ends the agent.
+  try {
+    (this->*handler)(notification);
+  } catch (const std::exception& failure) {
+    VKLogging::logEventAndPrintVerbose("Handling {} failed: {}", notification.name, failure.what());
+  } catch (...) {
+    VKLogging::logEventAndPrintVerbose("Handling {} failed", notification.name);
+  }
+}
+
 void LaunchAgentCommand::observeWorkspace(const std::string& name, Handler handler) {
   workspaceObservers_.push_back(workspace().addObserver(
       name, [this, handler](const std::string& posted, const Dictionary& info) {
-        (this->*handler)(AgentNotification{posted, std::nullopt, info});
+        handle(handler, AgentNotification{posted, std::nullopt, info});
       }));
 }
 
@@ -67,7 +78,7 @@ void LaunchAgentCommand::observeDistributed(const std::optional<std::string>& na
   distributedObservers_.push_back(notificationCenter_->addObserver(
       name, [this, handler](const std::string& posted, const std::optional<std::string>& object,
                             const Dictionary& info) {
-        (this->*handler)(AgentNotification{posted, object, info});
+        handle(handler, AgentNotification{posted, object, info});
       }));
 }
 
@@ -177,8 +188,13 @@ void LaunchAgentCommand::enforceAtExec(const ProcessEvent& event) {
   if (!checkingLaunches_ || !enfStrat_ || event.path.empty()) return;
   checkedAtExec_ = event.pid;
   const Value entry = BSDProcessList::processEntry(ProcessRecord{event.pid, event.uid, event.path});
-  if (const Dictionary* process = entry.dictionary(); process != nullptr && !process->empty())
+  const Dictionary* process = entry.dictionary();
+  if (process == nullptr || process->empty()) return;
+  try {
     enfStrat_->checkProcess(*process);
+  } catch (const std::exception& failure) {
+    VKLogging::logEventAndPrintVerbose("Checking {} failed: {}", event.path, failure.what());
+  }
 }
 
 void LaunchAgentCommand::modernActivatedApplication(const AgentNotification&) {
