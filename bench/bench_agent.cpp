@@ -18,7 +18,6 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -39,13 +38,6 @@ using vesk::bench::report;
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
-
-long residentKilobytes(pid_t pid) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  for (std::string line; std::getline(status, line);)
-    if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
-  return -1;
-}
 
 // Microseconds from the spawn of `arguments` to its end; -1 unless it ended as `expected`
 // says (the signal, or 0 for a plain exit).
@@ -157,7 +149,7 @@ int main() {
   // workspaceActivated and agentStart, once it monitors.
   if (!daemon.waitFor(2)) return std::puts("bench_agent: the agent did not start"), 1;
   const pid_t agentPid = agent->processIdentifier();
-  const long idle = residentKilobytes(agentPid);
+  const long idle = vesk::test::residentKilobytes(agentPid);
 
   std::vector<double> kills, bare;
   for (int i = 0; i < 1000; ++i) {
@@ -186,7 +178,7 @@ int main() {
       return std::puts("bench_agent: the daemon stopped hearing the agent"), 1;
   }
   const double relaySeconds = std::chrono::duration<double>(Clock::now() - relayStart).count();
-  const long after = residentKilobytes(agentPid);
+  const long after = vesk::test::residentKilobytes(agentPid);
   std::printf("%-46s %8.0f events/s\n", "login manager -> agent -> vesk-center",
               kEvents / relaySeconds);
   std::printf(

@@ -45,19 +45,6 @@ std::optional<std::string> trustedPidFileText(const std::string& path) {
   return text;
 }
 
-// Replaces `path` with `text` so that no reader sees half of it; the temporary file is made
-// anew (never through a link) and renamed over whatever was there.
-bool writeFileAtomically(const std::string& path, const std::string& text) {
-  std::string temporary = path + ".XXXXXX";
-  const int fd = ::mkstemp(temporary.data());
-  if (fd < 0) return false;
-  const bool written = ::fchmod(fd, 0644) == 0 && writeAll(fd, text);
-  ::close(fd);
-  if (written && ::rename(temporary.c_str(), path.c_str()) == 0) return true;
-  ::unlink(temporary.c_str());
-  return false;
-}
-
 }  // namespace
 
 LaunchAgentCommand::LaunchAgentCommand() = default;
@@ -206,7 +193,8 @@ void LaunchAgentCommand::checkAgentAlreadyRunningForCurrentUser() {
 }
 
 void LaunchAgentCommand::writePIDFile() {
-  (void)writeFileAtomically(pidFilePath(), fmt::format("{}", ::getpid()));
+  (void)writeFileAtomically(pidFilePath(), fmt::format("{}", ::getpid()),
+                            FileAttributes{::geteuid(), ::getegid(), 0644});
 }
 
 void LaunchAgentCommand::checkShouldBeActive() {

@@ -18,8 +18,6 @@ constexpr const char* kIgnoredNotification = "O3EngineChanged";
 // answers, short of the login manager's own limit.
 constexpr double kPostsBeforeSleepSeconds = 3.0;
 
-bool hasApplicationPath(const Dictionary& record) { return record.contains(kApplicationPathKey); }
-
 }  // namespace
 
 std::string AgentNotification::description() const {
@@ -175,10 +173,7 @@ void LaunchAgentCommand::grabAlreadyRunningApps() {
 
 void LaunchAgentCommand::activatedApplication() {
   if (!activated_) checkShouldBeActive();
-  if (!activated_) return;
-  const Dictionary record = workspace().activeApplication();
-  if (hasApplicationPath(record))
-    postNotificationToDaemon("com.vesksoftware.vesk.appActivationEvent", record);
+  if (activated_) modernActivatedApplication({});
 }
 
 void LaunchAgentCommand::enforceAtExec(const ProcessEvent& event) {
@@ -198,8 +193,9 @@ void LaunchAgentCommand::enforceAtExec(const ProcessEvent& event) {
 }
 
 void LaunchAgentCommand::modernActivatedApplication(const AgentNotification&) {
+  // A front window of no known application has no path, and nothing is said of it.
   const Dictionary record = workspace().activeApplication();
-  if (hasApplicationPath(record))
+  if (record.contains(kApplicationPathKey))
     postNotificationToDaemon("com.vesksoftware.vesk.appActivationEvent", record);
 }
 

@@ -106,6 +106,27 @@ void applyAttributes(int fd, const FileAttributes& attributes) {
   if (::geteuid() == 0) (void)::fchown(fd, attributes.owner, attributes.group);
 }
 
+bool writeFileAtomically(const std::string& path, std::string_view bytes,
+                         const FileAttributes& attributes, bool* madeTemporary) {
+  std::string temporary = path + ".XXXXXX";
+  const int fd = ::mkstemp(temporary.data());
+  if (madeTemporary != nullptr) *madeTemporary = fd >= 0;
+  if (fd < 0) return false;
+  if (::geteuid() == 0) (void)::fchown(fd, attributes.owner, attributes.group);
+  bool ok = ::fchmod(fd, attributes.permissions) == 0 && writeAll(fd, bytes) && ::fsync(fd) == 0;
+  int savedErrno = ok ? 0 : errno;
+  ::close(fd);
+  if (ok && ::rename(temporary.c_str(), path.c_str()) != 0) {
+    ok = false;
+    savedErrno = errno;
+  }
+  if (!ok) {
+    ::unlink(temporary.c_str());
+    errno = savedErrno != 0 ? savedErrno : EIO;
+  }
+  return ok;
+}
+
 std::optional<FileAttributes> attributesOfItemAtPath(const std::string& path) {
   struct stat info;
   if (::lstat(path.c_str(), &info) != 0) return std::nullopt;

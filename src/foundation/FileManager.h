@@ -53,6 +53,13 @@ bool setAttributesOfItemAtPath(const Dictionary& attributes, const std::string& 
 // write) when a write fails or writes nothing.
 bool writeAll(int fd, std::string_view bytes);
 
+// Replaces the file at `path` with `bytes` so that no reader ever sees half of it: they go to
+// a temporary file made anew beside it (never through a link), given `attributes` (the owner
+// only as root), synced, and renamed over whatever was at `path`. False, with errno set, when
+// any step failed; `madeTemporary` then tells whether the temporary file could be made.
+bool writeFileAtomically(const std::string& path, std::string_view bytes,
+                         const FileAttributes& attributes, bool* madeTemporary = nullptr);
+
 // Adds the permission bits `mode` to the file at `path`.
 bool addPosixPermission(mode_t mode, const std::string& path);
 

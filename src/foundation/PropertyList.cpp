@@ -227,31 +227,15 @@ bool writePropertyListAtomically(const std::string& path, const Value& value, Er
                             Value(fmt::format("{} {}: {}", what, path, std::strerror(errno)))}}));
     return false;
   };
-  const std::string text = xmlPropertyList(value);
-  mode_t mode = 0644;
+  // A new file gets 0644; the file it replaces keeps its mode, and its owner and group as far
+  // as this process may give files away.
+  FileAttributes attributes{::geteuid(), ::getegid(), 0644};
   struct stat st {};
-  const bool replacing = ::stat(path.c_str(), &st) == 0;
-  if (replacing) mode = st.st_mode & 07777;
-
-  std::string temp = path + ".XXXXXX";
-  const int fd = ::mkstemp(temp.data());
-  if (fd < 0) return fail("Failed to create a temporary file for");
-  // The new file takes the old one's place with its owner too, as far as this process may
-  // give files away.
-  if (replacing && ::geteuid() == 0) (void)::fchown(fd, st.st_uid, st.st_gid);
-  bool ok = ::fchmod(fd, mode) == 0 && writeAll(fd, text);
-  ok = ok && ::fsync(fd) == 0;
-  int savedErrno = ok ? 0 : errno;
-  ::close(fd);
-  if (ok && ::rename(temp.c_str(), path.c_str()) != 0) {
-    ok = false;
-    savedErrno = errno;
-  }
-  if (!ok) {
-    ::unlink(temp.c_str());
-    errno = savedErrno != 0 ? savedErrno : EIO;
-    return fail("Failed to write the property list");
-  }
+  if (::stat(path.c_str(), &st) == 0) attributes = {st.st_uid, st.st_gid, st.st_mode & 07777};
+  bool madeTemporary = false;
+  if (!writeFileAtomically(path, xmlPropertyList(value), attributes, &madeTemporary))
+    return fail(madeTemporary ? "Failed to write the property list"
+                              : "Failed to create a temporary file for");
   return true;
 }
 

@@ -137,11 +137,11 @@ void DistributedNotificationCenter::deliverLocally(const std::string& name,
     for (const auto& entry : observers_)
       if (!entry.second->name || *entry.second->name == name) observers.push_back(entry.second);
   }
-  GMainContext* here = RunLoop::current().context();
   for (const std::shared_ptr<Observer>& observer : observers) {
-    // Observers of this thread hear it now, so that events the session reports one after the
-    // other keep their order whichever center carries them; the others at their loop's turn.
-    if (observer->context == here) {
+    // Observers whose loop this thread is running hear it now, so that events the session
+    // reports one after the other keep their order whichever center carries them; the others
+    // at their loop's next turn.
+    if (g_main_context_is_owner(observer->context)) {
       if (observer->active) observer->handler(name, object, userInfo);
       continue;
     }

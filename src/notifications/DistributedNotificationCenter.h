@@ -51,8 +51,8 @@ class DistributedNotificationCenter {
                             const Dictionary& userInfo = {});
   // Hands a notification straight to this process's observers of its name, without the bus:
   // how the session layer delivers the events the system reports under platform names.
-  // Observers of the calling thread are called before it returns; the others at the next
-  // turn of their thread's loop.
+  // Observers whose loop the calling thread is running are called before it returns; the
+  // others at the next turn of their thread's loop.
   void deliverLocally(const std::string& name, const std::optional<std::string>& object,
                       const Dictionary& userInfo);
 

@@ -139,6 +139,13 @@ const bool restoreRootInstalled = [] {
 
 }  // namespace
 
+long residentKilobytes(int pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
+  return -1;
+}
+
 void useSandbox(const std::filesystem::path& root) {
   std::vector<std::string> environment = environmentWithout({"VESK_ROOT"});
   environment.push_back(std::string("VESK_DEFAULTS_TOOL=") + VESK_DEFAULTS_TOOL);

@@ -41,6 +41,9 @@ bool waitForOutput(ChildProcess& child, std::string& output, const std::string& 
 // This process's environment without the named variables.
 std::vector<std::string> environmentWithout(const std::vector<std::string>& names);
 
+// The resident memory of process `pid` in kilobytes (VmRSS); -1 when it cannot be read.
+long residentKilobytes(int pid);
+
 // A fresh folder under the system's temporary folder, removed with its contents at the end.
 class TemporaryFolder {
  public:

@@ -97,13 +97,6 @@ int killedBy(pid_t pid) {
   return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
 }
 
-long residentKilobytes(pid_t pid) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  for (std::string line; std::getline(status, line);)
-    if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
-  return -1;
-}
-
 class AgentRun : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -282,7 +275,7 @@ TEST_F(AgentRun, KeepsEnforcingWithoutLoginManagerOrProcessConnector) {
 TEST_F(AgentRun, SurvivesAFloodOfLaunchesKillsEveryRestrictedOneAndUnloadsWhenTold) {
   Peer daemon = startDaemon();
   Peer agent = startAgent();
-  const long before = residentKilobytes(agent.process->processIdentifier());
+  const long before = test::residentKilobytes(agent.process->processIdentifier());
   std::vector<pid_t> restrictedOnes;
   for (int launch = 0; launch < 5000; ++launch)
     if (launch % 100 == 0)
@@ -294,7 +287,7 @@ TEST_F(AgentRun, SurvivesAFloodOfLaunchesKillsEveryRestrictedOneAndUnloadsWhenTo
   EXPECT_EQ(killed, 50);
   // Freed memory is kept in quarantine under the address sanitizer; elsewhere it is reused.
   if (!kSanitized) {
-    EXPECT_LT(residentKilobytes(agent.process->processIdentifier()) - before, 8 * 1024);
+    EXPECT_LT(test::residentKilobytes(agent.process->processIdentifier()) - before, 8 * 1024);
   }
   notify("com.vesksoftware.vesk.stopDaemon");
   EXPECT_EQ(agent.process->waitUntilExit(), 0);
