@@ -50,6 +50,7 @@ std::optional<std::string> trustedPidFileText(const std::string& path) {
 LaunchAgentCommand::LaunchAgentCommand() = default;
 LaunchAgentCommand::~LaunchAgentCommand() {
   if (session_) unregisterListeners();
+  waitForJobs();
 }
 
 std::string LaunchAgentCommand::dexloPath() const {
@@ -88,6 +89,12 @@ void LaunchAgentCommand::preInitialize() {
                   [this](const SessionEvent& event) {
                     notificationCenter_->deliverLocally(event.name, std::nullopt, event.userInfo);
                   });
+  dexloPrefs_ = std::make_unique<DexloPreferences>([this] { return session_->consoleUser(); });
+  taskDelegate_ = std::make_shared<VESKTaskDelegate>();
+  taskDelegate_->taskStartedProcess = [this](VESKTask& runner) { taskStartedProcess(runner); };
+  taskDelegate_->taskReadString = [this](VESKTask& runner, const std::string& string) {
+    task(runner, string);
+  };
 }
 
 void LaunchAgentCommand::onInitialize() {

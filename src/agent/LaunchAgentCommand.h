@@ -2,7 +2,9 @@
 
 #include <sys/types.h>
 
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -11,6 +13,8 @@
 #include <vector>
 
 #include "agent/VKCommand.h"
+#include "dexlo/DexloNotifications.h"
+#include "dexlo/DexloPreferences.h"
 #include "foundation/RunLoop.h"
 #include "foundation/VESKSystemInformation.h"
 #include "foundation/Value.h"
@@ -18,6 +22,7 @@
 #include "notifications/VESKNotificationCenter.h"
 #include "platform/SessionLayer.h"
 #include "restrictions/EnforceRestrictionsAgentStrategy.h"
+#include "task/VKLocalTask.h"
 
 namespace vesk {
 
@@ -38,8 +43,10 @@ struct AgentNotification {
 // fifteen seconds, and serves the daemon's requests, until the daemon tells it to stop or
 // remove itself.
 //
-// Everything but the daemon's requests runs on the main thread: start-up, the run loop, every
-// handler and the timer. A request is served on a thread of its own.
+// Everything but the daemon's requests and the background jobs runs on the main thread:
+// start-up, the run loop, every handler and the timers. A request is served on a thread of its
+// own; MDM enrolment, inventory, a policy started from a click, each message and each badge
+// refresh run on threads of their own, which the agent waits for when it goes.
 class LaunchAgentCommand : public VKCommand, public EnforcementCommand {
  public:
   static constexpr const char* kVerbName = "launchAgent";
@@ -74,6 +81,10 @@ class LaunchAgentCommand : public VKCommand, public EnforcementCommand {
   std::string dexloPath() const;
   void setDexloPath(std::string path);
   const VESKSystemInformation& systemInfo() const { return systemInfo_; }
+  DexloPreferences& dexloPrefs() { return *dexloPrefs_; }
+  // The request that started the running policy, and whether it was killed.
+  Dictionary policyInfo() const;
+  bool policyKilled() const;
 
   // Start-up and the single-instance rule.
   // What execute does before its loop: false when this agent is to end at once.
@@ -130,6 +141,7 @@ class LaunchAgentCommand : public VKCommand, public EnforcementCommand {
   void screenLocked(const AgentNotification& notification);
   void screenUnlocked(const AgentNotification& notification);
   void survoStarting(const AgentNotification& notification);
+  // Runs the badge refresh 2.0 s from now.
   void updateBadgeQuantityDelayed(const AgentNotification& notification);
   void notificationMessageActivated(const AgentNotification& notification);
   void handleAnyNotification(const AgentNotification& notification);
@@ -137,6 +149,27 @@ class LaunchAgentCommand : public VKCommand, public EnforcementCommand {
   // The daemon's requests.
   void registerForDexloMessageRelayedFromDaemon();
   void requestFromVeskDaemon(const Dictionary& userInfo);
+  // Runs the policy that `request` names for Dexlo and streams its progress back; returns
+  // when the run has ended.
+  void dexloPolicyStartRequest(const Dictionary& request);
+  void dexloPolicyKillRequest(const Dictionary& request);
+  void sendMessageReceived(const Dictionary& request);
+  void sendPolicyStarted(pid_t processId);
+  void processPolicy(const AgentNotification& notification);
+  void startEnableUserLevelMdmRequest(const Dictionary& request);
+  void enableUserLevelMdmRequest(const Dictionary& request);
+  void dexloSurvoStartRequest(const Dictionary& request);
+  void performBackgroundSurvo(const Dictionary& request);
+  // The policy tool's progress, from the task runner.
+  void taskStartedProcess(VESKTask& task);
+  void task(VESKTask& task, const std::string& readString);
+  // The Dexlo application's path, from the management preferences; "" when they name none.
+  std::string lookUpDexloPath();
+
+  // Messages to the user and the Dexlo badge.
+  void displayMessage(const std::string& message);
+  void displayMessageThread(const std::string& message);
+  void updateBadgeQuantity();
 
  protected:
   friend class VKCommand;
@@ -154,6 +187,9 @@ class LaunchAgentCommand : public VKCommand, public EnforcementCommand {
   virtual void sendToDaemon(const std::string& name, const Dictionary& userInfo);
   // Ends the process once what was posted has reached the daemon.
   virtual void exitProcess(int status);
+  virtual std::unique_ptr<DexloNotifications> makeDexloNotifications();
+  // Runs `work` on a new thread; the agent waits for it before it goes. Failures are logged.
+  void detachThread(std::function<void()> work);
 
  private:
   using Handler = void (LaunchAgentCommand::*)(const AgentNotification&);
@@ -163,6 +199,8 @@ class LaunchAgentCommand : public VKCommand, public EnforcementCommand {
   void observeDistributed(const std::optional<std::string>& name, Handler handler);
   // Every exec of the machine, before the launch is reported: the restricted list's check.
   void enforceAtExec(const ProcessEvent& event);
+  // Stops the pending badge refreshes and waits a while for the background threads to end.
+  void waitForJobs();
   // Drops the user id to the one the agent started with, runs launchctl with `arguments`,
   // and ends the process.
   void unloadSelf(const std::vector<std::string>& arguments);
@@ -181,7 +219,21 @@ class LaunchAgentCommand : public VKCommand, public EnforcementCommand {
 
   // Touched by the daemon's requests on their threads as well.
   mutable std::mutex policyLock_;
-  std::string dexloPath_;  // guarded by policyLock_
+  std::string dexloPath_;                          // guarded by policyLock_
+  std::shared_ptr<VKLocalTask> policyLocalTask_;   // guarded by policyLock_
+  Dictionary policyInfo_;                          // guarded by policyLock_
+  bool policyKilled_ = false;                      // guarded by policyLock_
+  std::shared_ptr<VESKTaskDelegate> taskDelegate_;
+  // One run of the policy tool at a time: the task runner runs one command at once.
+  std::mutex policyRunLock_;
+  std::mutex dexloPrefsLock_;  // the preferences object is not for two threads at once
+  std::unique_ptr<DexloPreferences> dexloPrefs_;
+  std::mutex badgeLock_;  // one badge refresh at a time
+  std::vector<std::shared_ptr<Timer>> badgeTimers_;
+  // The threads detachThread started that are still running.
+  std::mutex jobsLock_;
+  std::condition_variable jobsEnded_;
+  int jobs_ = 0;  // guarded by jobsLock_
 
   std::vector<Workspace::ObserverId> workspaceObservers_;
   std::vector<DistributedNotificationCenter::ObserverId> distributedObservers_;

@@ -4,7 +4,6 @@
 
 #include "agent/LaunchAgentCommand.h"
 #include "logging/VKLogging.h"
-#include "notifications/DaemonObserverEndpoint.h"
 #include "restrictions/BSDProcessList.h"
 
 namespace vesk {
@@ -279,55 +278,10 @@ void LaunchAgentCommand::survoStarting(const AgentNotification&) {
   postNotificationToDaemon("com.vesksoftware.vesk.survoEvent", workspace().activeApplication());
 }
 
-void LaunchAgentCommand::updateBadgeQuantityDelayed(const AgentNotification& notification) {
-  VKLogging::logEventAndPrintVerbose("The Dexlo badge refresh is not built yet: {} ignored",
-                                     notification.name);
-}
-
-void LaunchAgentCommand::notificationMessageActivated(const AgentNotification& notification) {
-  VKLogging::logEventAndPrintVerbose(
-      "Passing notification clicks to Dexlo is not built yet: {} ignored", notification.name);
-}
-
 void LaunchAgentCommand::handleAnyNotification(const AgentNotification& notification) {
   if (notification.name == kIgnoredNotification) return;
   VKLogging::printlnVerbose("Received notification (User: {}): {}", userName_,
                             notification.description());
-}
-
-// --- The daemon's requests ---
-
-namespace {
-
-// The agent as the daemon's observer sees it.
-class RequestObserver : public SelectorTarget {
- public:
-  explicit RequestObserver(LaunchAgentCommand& command) : command_(command) {}
-  bool respondsToSelector(std::string_view selector) override {
-    return selector == "requestFromVeskDaemon:";
-  }
-  void performSelector(std::string_view, const Dictionary& userInfo) override {
-    command_.requestFromVeskDaemon(userInfo);
-  }
-
- private:
-  LaunchAgentCommand& command_;
-};
-
-}  // namespace
-
-void LaunchAgentCommand::registerForDexloMessageRelayedFromDaemon() {
-  // Registered once for the life of the agent: the endpoint registers again by itself with
-  // every daemon that takes the name, and a session switch must not add a second observer.
-  if (daemonObserver_) return;
-  daemonObserver_ = std::make_unique<DaemonObserverEndpoint>(
-      std::make_shared<RequestObserver>(*this),
-      "requestFromVeskDaemon:", "com.vesksoftware.vesk.veskAgentRequestEvent", kDaemonCenterName);
-}
-
-void LaunchAgentCommand::requestFromVeskDaemon(const Dictionary& userInfo) {
-  VKLogging::logEventAndPrintVerbose("Request from the daemon, not served by this agent yet: {}",
-                                     userInfo.description());
 }
 
 }  // namespace vesk

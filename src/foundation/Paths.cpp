@@ -39,4 +39,9 @@ std::string stringByAppendingPathComponent(std::string_view base, std::string_vi
   return path;
 }
 
+std::string lastPathComponent(std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
+}
+
 }  // namespace vesk

@@ -24,5 +24,7 @@ std::string fsPath(std::string_view path);
 // `component` joined to `base` as a path: one "/" between them, runs of "/" made one and a
 // trailing "/" dropped. An empty base gives the component alone, so "" and "/a/b" give "/a/b".
 std::string stringByAppendingPathComponent(std::string_view base, std::string_view component);
+// What follows the last "/" of `path`; the whole of it when there is none.
+std::string lastPathComponent(std::string_view path);
 
 }  // namespace vesk

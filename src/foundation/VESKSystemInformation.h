@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "foundation/VESKOperatingSystem.h"
@@ -16,6 +17,10 @@ class VESKSystemInformation {
   // An IPv4 address of the first interface that is up and not the loopback; the loopback
   // address when there is none.
   static std::string currentIPAddress();
+  // The computer's hardware UUID in its usual form, upper-case hex in groups of 8-4-4-4-12:
+  // the firmware's product UUID where this process may read it, else the system's machine id
+  // written that way; nullopt when there is neither.
+  static std::optional<std::string> hardwareUUID();
 };
 
 }  // namespace vesk

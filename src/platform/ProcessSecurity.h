@@ -24,18 +24,15 @@ std::vector<std::string> inheritableEnvironment();
 uid_t startingUserId();
 gid_t startingGroupId();
 
-// While it lives, the calling thread acts as the user and group that started a set-user-id or
-// set-group-id process: its effective ids are the starting real ones. Other threads keep theirs,
-// and nothing changes in a process whose ids are already equal. For what must be done in the user's
-// name rather than root's, such as connecting to the system bus, which takes a peer's credentials
-// when the connection is made.
-class ActingAsRealUser {
+// While it lives, the calling thread acts as another user: its effective user and group ids are
+// the given ones. Other threads keep theirs, and nothing changes where the ids are the effective
+// ones already. A process that may not take those ids (it is not root) goes on as itself.
+class ActingAsUser {
  public:
-  ActingAsRealUser();
-  ~ActingAsRealUser();
-  ActingAsRealUser(const ActingAsRealUser&) = delete;
-  ActingAsRealUser& operator=(const ActingAsRealUser&) = delete;
-
+  ActingAsUser(uid_t uid, gid_t gid);
+  ~ActingAsUser();
+  ActingAsUser(const ActingAsUser&) = delete;
+  ActingAsUser& operator=(const ActingAsUser&) = delete;
   // False when the ids could not be switched; the thread then acts as before.
   bool acting() const { return acting_; }
 
@@ -45,6 +42,15 @@ class ActingAsRealUser {
   bool uidSwitched_ = false;
   bool gidSwitched_ = false;
   bool acting_ = true;
+};
+
+// Acting as the user and group that started a set-user-id or set-group-id process: its
+// starting real ids. Nothing changes in a process whose ids are already equal. For what must
+// be done in the user's name rather than root's, such as connecting to the system bus, which
+// takes a peer's credentials when the connection is made.
+class ActingAsRealUser : public ActingAsUser {
+ public:
+  ActingAsRealUser() : ActingAsUser(startingUserId(), startingGroupId()) {}
 };
 
 }  // namespace vesk

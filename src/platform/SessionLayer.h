@@ -28,7 +28,7 @@ class UserSession {
   virtual void start(Workspace::ExecHook execHook, SessionEventSink distributed) = 0;
   // Valid once started.
   virtual Workspace& workspace() = 0;
-  // Who is at the screen.
+  // Who is at the screen. Once started, any thread may ask.
   virtual std::optional<std::string> consoleUser() = 0;
 };
 

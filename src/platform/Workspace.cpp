@@ -1,5 +1,7 @@
 #include "platform/Workspace.h"
 
+#include "foundation/Paths.h"
+
 namespace vesk {
 namespace {
 
@@ -9,11 +11,6 @@ constexpr double kLookAgainInterval = 0.1;
 // Processes of the user waiting for their second look; past this, new ones get only the look
 // at their first activation.
 constexpr std::size_t kCandidatesLimit = 1024;
-
-std::string lastComponent(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
 
 }  // namespace
 
@@ -165,7 +162,7 @@ Dictionary Workspace::recordFor(pid_t pid, const std::string& path,
   std::optional<std::string> name;
   if (!applicationId.empty()) name = desktop_.displayName(applicationId);
   return Dictionary{{kApplicationPathKey, path},
-                    {kApplicationNameKey, name.value_or(lastComponent(path))},
+                    {kApplicationNameKey, name.value_or(lastPathComponent(path))},
                     {kApplicationProcessIdentifierKey, static_cast<long long>(pid)}};
 }
 

@@ -13,6 +13,8 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -146,6 +148,55 @@ class AgentRun : public ::testing::Test {
   static void notify(const std::string& name) {
     ASSERT_EQ(test::startProgram(VESK_CENTER_TOOL, {"notify", name})->waitUntilExit(), 0);
   }
+  // Waits until the daemon has an agent's observer for requests: an agent registers while it
+  // goes on starting.
+  void waitForObserver() const {
+    EXPECT_TRUE(test::pollUntil([&] {
+      return test::readFile(root.path() / "private/var/log/vesk.log")
+                 .find("registered for com.vesksoftware.vesk.veskAgentRequestEvent") !=
+             std::string::npos;
+    }));
+  }
+  // Asks the agents, through the daemon, with the user information "key=value" `pairs`.
+  static void request(std::vector<std::string> pairs) {
+    pairs.insert(pairs.begin(), {"post", "com.vesksoftware.vesk.veskAgentRequestEvent"});
+    ASSERT_EQ(test::startProgram(VESK_CENTER_TOOL, pairs)->waitUntilExit(), 0);
+  }
+  // The next answer the daemon printed: its "ResponseType", then the values of `keys` as JSON
+  // ("-" for a key it lacks), blank-separated.
+  static std::string answer(Peer& daemon, const std::vector<std::string>& keys = {}) {
+    const std::string line = daemon.lineWith("\"com.vesksoftware.vesk.veskAgentResponseEvent\"");
+    std::string found = jsonValue(line, "ResponseType");
+    for (const std::string& key : keys) found += " " + jsonValue(line, key);
+    return found;
+  }
+  static std::string jsonValue(const std::string& line, const std::string& key) {
+    const std::size_t at = line.find("\"" + key + "\":");
+    if (at == std::string::npos) return "-";
+    std::size_t end = at + key.size() + 3;
+    for (int depth = 0; end < line.size(); ++end) {
+      const char c = line[end];
+      if (c == '"') {
+        while (line[++end] != '"') end += line[end] == '\\' ? 1 : 0;
+      } else if (c == '{') {
+        ++depth;
+      } else if (c == '}' && depth-- == 0) {
+        break;
+      } else if (c == ',' && depth == 0) {
+        break;
+      }
+    }
+    std::string value = line.substr(at + key.size() + 3, end - at - key.size() - 3);
+    if (value.size() >= 2 && value.front() == '"') value = value.substr(1, value.size() - 2);
+    return value;
+  }
+  // The management tool's calls so far, one "PID ARGUMENTS" line each.
+  std::vector<std::string> toolCalls() const {
+    std::vector<std::string> calls;
+    std::istringstream lines(test::readFile(root.path() / "vesk.calls"));
+    for (std::string line; std::getline(lines, line);) calls.push_back(line.substr(line.find(' ') + 1));
+    return calls;
+  }
   std::string pidFile() const {
     return test::readFile(root.path() / "Library/Application Support/VESK/bin" /
                           (currentUserShortName() + ".pid"));
@@ -235,10 +286,8 @@ TEST_F(AgentRun, ReachesADaemonThatComesLateAndRegistersOnceWithEachOne) {
   EXPECT_NE(agent.lineWith("Unable to send notification [com.vesksoftware.vesk.agentStart] - "
                            "daemon not available."),
             "");
-  const auto request = [](const std::string& marker) {
-    test::startProgram(VESK_CENTER_TOOL,
-                       {"post", "com.vesksoftware.vesk.veskAgentRequestEvent", "Marker=" + marker})
-        ->waitUntilExit();
+  const auto marked = [](const std::string& marker) {
+    return "Policy request type of  \"" + marker + "\" is unhandled by the agent";
   };
   for (const std::string run : {"1", "2"}) {
     Peer daemon = startDaemon();
@@ -247,16 +296,16 @@ TEST_F(AgentRun, ReachesADaemonThatComesLateAndRegistersOnceWithEachOne) {
     // Requests reach the agent once it has registered with this daemon; then each reaches it
     // exactly once.
     ASSERT_TRUE(test::pollUntil([&] {
-      request("probe" + run);
+      request({"EntityType=policy", "RequestType=probe" + run});
       return agent.process->readOutputFor(agent.printed, 100) &&
-             agent.printed.find("Marker = probe" + run) != std::string::npos;
+             agent.printed.find(marked("probe" + run)) != std::string::npos;
     }));
-    request("once" + run);
-    request("after" + run);
-    ASSERT_NE(agent.lineWith("Marker = after" + run), "");
-    const std::size_t once = agent.printed.find("Marker = once" + run);
+    request({"EntityType=policy", "RequestType=once" + run});
+    request({"EntityType=policy", "RequestType=after" + run});
+    ASSERT_NE(agent.lineWith(marked("after" + run)), "");
+    const std::size_t once = agent.printed.find(marked("once" + run));
     EXPECT_NE(once, std::string::npos);
-    EXPECT_EQ(agent.printed.find("Marker = once" + run, once + 1), std::string::npos);
+    EXPECT_EQ(agent.printed.find(marked("once" + run), once + 1), std::string::npos);
     stopDaemon(daemon);
   }
 }
@@ -326,6 +375,177 @@ TEST_F(AgentRun, AGuestOnTenNineLeavesTheRunningAgentAloneUnlikeLaterSystems) {
   EXPECT_EQ(killedBy(older), SIGKILL);
   later.process->terminate();
   ::unsetenv("VESK_OS_VERSION");
+}
+
+TEST_F(AgentRun, RunsPoliciesForDexloStreamingTheirProgressAndStopsOneWhenTold) {
+  Peer logind = startLogind();
+  Peer daemon = startDaemon();
+  Peer agent = startAgent();
+  waitForObserver();
+
+  request({"EntityType=policy", "RequestType=TriggerPolicy", "EntityId=256", "LocalUsername="});
+  EXPECT_EQ(answer(daemon, {"EntityId"}), "MessageReceived 256");
+  const std::string started = answer(daemon, {"EntityId", "ProcessId"});
+  for (const char* piece : {"Executing Policy 256", "Running step 1 of 2", "Running step 2 of 2",
+                            "Policy 256 done"})
+    EXPECT_EQ(answer(daemon, {"Data"}), std::string("OutputData ") + piece + "\\n");
+  EXPECT_EQ(answer(daemon, {"EntityId", "Username"}),
+            "Finished 256 " + currentUserShortName());
+  const std::vector<std::string> calls = toolCalls();
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(started, "Started 256 " + calls[0].substr(0, calls[0].find(' ')));
+  EXPECT_EQ(calls[0].substr(calls[0].find(' ') + 1),
+            "policy -id 256 -showSteps -username  -dexloOnly -forceNoSurvo");
+
+  // A policy that fails; a request without an id runs policy 0.
+  request({"EntityType=policy", "RequestType=TriggerPolicy", "EntityId=7"});
+  EXPECT_EQ(answer(daemon), "MessageReceived");
+  EXPECT_EQ(answer(daemon), "Started");
+  for (int piece = 0; piece < 4; ++piece) EXPECT_EQ(answer(daemon), "OutputData");
+  EXPECT_EQ(answer(daemon, {"Error"}),
+            "PolicyError {\"domain\":\"com.vesksoftware.task.errors\",\"code\":7,\"userInfo\":{}}");
+
+  // Killed while it runs: finished, not failed, and its process is gone.
+  request({"EntityType=policy", "RequestType=TriggerPolicy"});
+  EXPECT_EQ(answer(daemon, {"EntityId"}), "MessageReceived -");
+  const std::string running = answer(daemon, {"ProcessId"});
+  EXPECT_EQ(answer(daemon, {"Data"}), "OutputData Executing Policy 0\\n");
+  request({"EntityType=policy", "RequestType=Kill"});
+  std::string last;
+  while ((last = answer(daemon)) == "OutputData") continue;
+  EXPECT_EQ(last, "Finished");
+  const pid_t tool = std::stoi(running.substr(running.find(' ') + 1));
+  EXPECT_NE(::kill(tool, 0), 0);
+  EXPECT_NE(agent.lineWith("Killing a policy"), "");
+
+  // User level MDM, and the inventory, on threads of their own.
+  request({"EntityType=configprofile", "RequestType=EnableUserLevelMdm", "Marker=mdm"});
+  EXPECT_EQ(answer(daemon, {"Marker"}), "Finished mdm");
+  request({"EntityType=general", "RequestType=Survo", "Marker=survo"});
+  EXPECT_EQ(answer(daemon, {"Marker"}), "Finished survo");
+  EXPECT_THAT(toolCalls(), testing::ElementsAre(testing::_, testing::_, testing::_,
+                                                testing::EndsWith(" mdm -userLevelMdm"),
+                                                testing::EndsWith(" survo")));
+}
+
+TEST_F(AgentRun, AnswersOnlyRequestsForItsUserAndReportsAFailedEnrollment) {
+  if (::getpwnam("guest") == nullptr &&
+      test::runProgram("/usr/sbin/useradd", {"-M", "guest"}, {}).status != 0)
+    GTEST_SKIP() << "no user guest, and none can be made";
+  if (const std::string why = test::whyNobodyCannotRun(VESK_AGENT_PATH); !why.empty())
+    GTEST_SKIP() << why;
+  const passwd* guest = ::getpwnam("guest");
+  // The agent serves requests while its user has the screen.
+  ASSERT_EQ(::chown((root.path() / "dev/console").c_str(), guest->pw_uid, guest->pw_gid), 0);
+  Peer daemon = startDaemon();
+  ::setenv("VESK_SANDBOX_MDM", "fail", 1);
+  Peer agent = startAgent({"/usr/bin/setpriv", "--reuid=" + std::to_string(guest->pw_uid),
+                           "--regid=" + std::to_string(guest->pw_gid), "--clear-groups", "--"});
+  ::unsetenv("VESK_SANDBOX_MDM");
+  waitForObserver();
+
+  request({"EntityType=general", "RequestType=Survo", "LocalUsername=someone-else"});
+  request({"EntityType=policy", "RequestType=TriggerPolicy", "LocalUsername=someone-else"});
+  request({"EntityType=configprofile", "RequestType=EnableUserLevelMdm", "LocalUsername=guest"});
+  EXPECT_EQ(answer(daemon, {"LocalUsername", "ErrorMsg", "Error"}),
+            "Error guest Enrollment failed: the server refused this computer "
+            "{\"domain\":\"com.vesksoftware.core.errors\",\"code\":1,\"userInfo\":{"
+            "\"NSLocalizedDescription\":\"User level MDM enrollment failed\"}}");
+  request({"EntityType=general", "RequestType=Survo"});
+  EXPECT_EQ(answer(daemon, {"LocalUsername"}), "Finished -");
+  agent.process->terminate();
+}
+
+TEST_F(AgentRun, RefreshesTheBadgeTwoSecondsAfterEachNotificationOneAtATimeAndShowsMessages) {
+  Peer daemon = startDaemon();
+  Peer agent = startAgent();
+  waitForObserver();
+  const auto now = [] {
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+  };
+  const double first = now();
+  notify("com.vesksoftware.vesk.updateBadgeQuantity");
+  std::this_thread::sleep_for(std::chrono::seconds(1));  // the second comes a second later
+  const double second = now();
+  notify("com.vesksoftware.vesk.updateBadgeQuantity");
+  const std::string message = "Say \"yes\"\nor 'no'";
+  request({"EntityType=general", "RequestType=DisplayMessage", "Message=" + message});
+
+  const fs::path calls = root.path() / "vesk.calls";
+  ASSERT_TRUE(test::pollUntil(
+      [&] {
+        const std::string text = test::readFile(calls);
+        return text.find("done") != text.rfind("done");
+      },
+      20));
+  std::istringstream lines(test::readFile(calls));
+  std::vector<std::pair<double, std::string>> refreshes;
+  for (double at; lines >> at;) {
+    std::string pid, what;
+    lines >> pid;
+    std::getline(lines, what);
+    refreshes.emplace_back(at, what);
+  }
+  ASSERT_EQ(refreshes.size(), 4u);
+  EXPECT_EQ(refreshes[0].second, " notify");
+  EXPECT_EQ(refreshes[1].second, " notify done");
+  EXPECT_EQ(refreshes[2].second, " notify");
+  EXPECT_GE(refreshes[0].first - first, 1.9);
+  EXPECT_GE(refreshes[2].first - second, 1.9);
+  EXPECT_GE(refreshes[2].first, refreshes[1].first);  // never two at once
+
+  ASSERT_TRUE(test::pollUntil([&] { return fs::exists(root.path() / "veskHelper.calls"); }));
+  const std::string helper =
+      (root.path() / "Library/Application Support/VESK/bin/veskHelper.app").string();
+  std::string shown = test::readFile(root.path() / "veskHelper.calls");
+  std::vector<std::string> arguments;
+  for (std::size_t at = 0; at < shown.size() && shown[at] != '\0'; at = shown.find('\0', at) + 1)
+    arguments.push_back(shown.substr(at, shown.find('\0', at) - at));
+  EXPECT_EQ(arguments, (std::vector<std::string>{
+                           helper + "/Contents/MacOS/veskHelper", "-windowType", "utility",
+                           "-icon", helper + "/Contents/Resources/Message.png", "-description",
+                           message, "-button1", "OK", "-defaultButton", "1"}));
+  EXPECT_NE(agent.lineWith("Displaying a message for this user"), "");
+}
+
+TEST_F(AgentRun, ShrugsOffAHundredMalformedRequestsInASecond) {
+  Peer daemon = startDaemon();
+  Peer agent = startAgent();
+  waitForObserver();
+  for (int sent = 0; sent < 100; ++sent) {
+    switch (sent % 5) {
+      case 0:
+        request({"EntityType=policy", "RequestType=Explode" + std::to_string(sent)});
+        break;
+      case 1:
+        request({"EntityType=policy", "RequestType=Kill", "LocalUsername=true"});
+        break;
+      case 2:
+        request({"EntityType=configprofile", "RequestType=7"});
+        break;
+      case 3:
+        request({"EntityType=general", "RequestType=DisplayMessage", "Message=false"});
+        break;
+      default:
+        request({"RequestType=TriggerPolicy"});
+    }
+  }
+  request({"EntityType=general", "RequestType=Survo", "Marker=still-here"});
+  EXPECT_EQ(answer(daemon, {"Marker"}), "Finished still-here");
+  for (int sent = 0; sent < 100; sent += 5)
+    EXPECT_NE(agent.lineWith("Policy request type of  \"Explode" + std::to_string(sent) + "\""),
+              "");
+  const std::string log = test::readFile(root.path() / "private/var/log/vesk.log");
+  for (const char* line :
+       {"Request for a user that is not a name ignored", "Config profile request type of \"7\"",
+        "General request type of \"DisplayMessage\"", "Request entity type of  unhandled"}) {
+    std::size_t count = 0;
+    for (std::size_t at = log.find(line); at != std::string::npos; at = log.find(line, at + 1))
+      ++count;
+    EXPECT_EQ(count, 20u) << line;
+  }
+  EXPECT_EQ(agent.printed.find("Killing a policy"), std::string::npos);
 }
 
 }  // namespace

@@ -93,6 +93,12 @@ TestServer::TestServer(const TestCertificates* certificates, Identity identity,
     if (request.matches[1] == "ignore-range") const_cast<httplib::Request&>(request).ranges.clear();
     r.set_content(resourceBytes(kResourceSize), "application/octet-stream");
   });
+  // The directory user of a management server: /user/NAME/ is the server's address, NAME its
+  // answer for every computer.
+  server.Get(R"(/user/([^/]*)/dexlo2/dxresource/username)",
+             [](const httplib::Request& request, httplib::Response& response) {
+               response.set_content(request.matches[1], "text/plain");
+             });
   server.Get("/redirect", [](const httplib::Request&, httplib::Response& response) {
     response.set_redirect("/file");
   });

@@ -40,7 +40,8 @@ inline constexpr const char* kUser = "admin";
 inline constexpr const char* kPassword = "pa$$ \"word\"";
 
 // An HTTP or HTTPS server on 127.0.0.1 (cpp-httplib), port of its own. Routes (TestServers.cpp):
-// /file, /ignore-range, /redirect, /status/N, /basic, /digest, /whoami, /slow, /big, POST /echo.
+// /file, /ignore-range, /redirect, /status/N, /basic, /digest, /whoami, /slow, /big, POST /echo,
+// /user/NAME/dexlo2/dxresource/username.
 class TestServer {
  public:
   enum class Identity { None, CASigned, SelfSigned };

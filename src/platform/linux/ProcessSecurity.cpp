@@ -22,20 +22,19 @@ bool isSetUserIdExecution() { return ::getauxval(AT_SECURE) != 0; }
 // The C library's setresuid changes every thread of the process; the system call itself
 // changes only the calling thread, which is what is wanted here. The saved ids stay as they
 // are, so the effective ones can be taken back.
-ActingAsRealUser::ActingAsRealUser() : effectiveUid_(::geteuid()), effectiveGid_(::getegid()) {
-  const gid_t realGid = startingGid;
-  if (realGid != effectiveGid_) {
-    gidSwitched_ = ::syscall(SYS_setresgid, -1, realGid, -1) == 0;
+ActingAsUser::ActingAsUser(uid_t uid, gid_t gid)
+    : effectiveUid_(::geteuid()), effectiveGid_(::getegid()) {
+  if (gid != effectiveGid_) {
+    gidSwitched_ = ::syscall(SYS_setresgid, -1, gid, -1) == 0;
     acting_ = gidSwitched_;
   }
-  const uid_t realUid = startingUid;
-  if (acting_ && realUid != effectiveUid_) {
-    uidSwitched_ = ::syscall(SYS_setresuid, -1, realUid, -1) == 0;
+  if (acting_ && uid != effectiveUid_) {
+    uidSwitched_ = ::syscall(SYS_setresuid, -1, uid, -1) == 0;
     acting_ = uidSwitched_;
   }
 }
 
-ActingAsRealUser::~ActingAsRealUser() {
+ActingAsUser::~ActingAsUser() {
   // The user first: taking the group back may need the effective user's privilege.
   if (uidSwitched_) (void)::syscall(SYS_setresuid, -1, effectiveUid_, -1);
   if (gidSwitched_) (void)::syscall(SYS_setresgid, -1, effectiveGid_, -1);

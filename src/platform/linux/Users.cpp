@@ -14,29 +14,50 @@ namespace vesk {
 
 namespace {
 
-// A field of user `uid`'s entry in the user database; empty when there is none.
-std::string userField(uid_t uid, char* passwd::*field) {
+// The entry that `lookUp` (getpwuid_r or getpwnam_r with its key bound) finds, as an account.
+template <typename LookUp>
+std::optional<UserAccount> account(LookUp lookUp) {
   const long suggested = ::sysconf(_SC_GETPW_R_SIZE_MAX);
   std::vector<char> buffer(suggested > 0 ? static_cast<std::size_t>(suggested) : 4096);
   // A directory service may hold entries larger than the C library suggests.
   while (true) {
     struct passwd entry {};
     struct passwd* found = nullptr;
-    const int error = ::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found);
+    const int error = lookUp(&entry, buffer.data(), buffer.size(), &found);
     if (error == ERANGE && buffer.size() < (1u << 20)) {
       buffer.resize(buffer.size() * 2);
       continue;
     }
-    if (error != 0 || found == nullptr || found->*field == nullptr) return "";
-    return found->*field;
+    if (error != 0 || found == nullptr) return std::nullopt;
+    return UserAccount{found->pw_name != nullptr ? found->pw_name : "", found->pw_uid,
+                       found->pw_gid, found->pw_dir != nullptr ? found->pw_dir : ""};
   }
+}
+
+std::optional<UserAccount> accountOfUid(uid_t uid) {
+  return account([uid](passwd* entry, char* buffer, std::size_t size, passwd** found) {
+    return ::getpwuid_r(uid, entry, buffer, size, found);
+  });
 }
 
 }  // namespace
 
-std::string userNameForUid(uid_t uid) { return userField(uid, &passwd::pw_name); }
+std::string userNameForUid(uid_t uid) {
+  const std::optional<UserAccount> found = accountOfUid(uid);
+  return found ? found->name : "";
+}
 
-std::string homeOfUser(uid_t uid) { return userField(uid, &passwd::pw_dir); }
+std::string homeOfUser(uid_t uid) {
+  const std::optional<UserAccount> found = accountOfUid(uid);
+  return found ? found->home : "";
+}
+
+std::optional<UserAccount> userAccountNamed(const std::string& name) {
+  if (name.empty()) return std::nullopt;
+  return account([&name](passwd* entry, char* buffer, std::size_t size, passwd** found) {
+    return ::getpwnam_r(name.c_str(), entry, buffer, size, found);
+  });
+}
 
 std::string currentUserShortName() { return userNameForUid(startingUserId()); }
 
