@@ -219,10 +219,10 @@ class LaunchAgentCommand : public VKCommand, public EnforcementCommand {
 
   // Touched by the daemon's requests on their threads as well.
   mutable std::mutex policyLock_;
-  std::string dexloPath_;                          // guarded by policyLock_
-  std::shared_ptr<VKLocalTask> policyLocalTask_;   // guarded by policyLock_
-  Dictionary policyInfo_;                          // guarded by policyLock_
-  bool policyKilled_ = false;                      // guarded by policyLock_
+  std::string dexloPath_;                         // guarded by policyLock_
+  std::shared_ptr<VKLocalTask> policyLocalTask_;  // guarded by policyLock_
+  Dictionary policyInfo_;                         // guarded by policyLock_
+  bool policyKilled_ = false;                     // guarded by policyLock_
   std::shared_ptr<VESKTaskDelegate> taskDelegate_;
   // One run of the policy tool at a time: the task runner runs one command at once.
   std::mutex policyRunLock_;

@@ -21,6 +21,7 @@ constexpr const char* kResponseTypeKey = "ResponseType";
 constexpr const char* kMdmEnrolled = "The computer was successfully enrolled in MDM";
 constexpr const char* kCoreErrorDomain = "com.vesksoftware.core.errors";
 constexpr const char* kHelperBundle = "/Library/Application Support/VESK/bin/veskHelper.app";
+constexpr const char* kHelperName = "veskHelper";
 constexpr double kBadgeRefreshDelay = 2.0;
 // How long a going agent waits for its background threads (a message window may stay open).
 constexpr double kJobsAtEndSeconds = 10.0;
@@ -205,8 +206,8 @@ void LaunchAgentCommand::dexloPolicyStartRequest(const Dictionary& request) {
     user = dexloPrefs_->retrieveLoggedInUserWithKsvUrl(
         ksvUrl, request["AllowInvalidCertificate"].boolValue());
   }
-  const Command command{fsPath(kVeskTool), "policy",    "-id",       std::to_string(policyId),
-                        "-showSteps",      "-username", user,        "-dexloOnly",
+  const Command command{fsPath(kVeskTool), "policy",    "-id", std::to_string(policyId),
+                        "-showSteps",      "-username", user,  "-dexloOnly",
                         "-forceNoSurvo"};
 
   std::shared_ptr<VKLocalTask> runner;
@@ -252,12 +253,12 @@ void LaunchAgentCommand::dexloPolicyKillRequest(const Dictionary&) {
   VKLogging::printlnVerbose("Killing a policy");
   std::shared_ptr<VKLocalTask> runner;
   {
+    // Marked before the signal goes: the run may end, and be judged, the moment it arrives.
     std::lock_guard<std::mutex> hold(policyLock_);
+    policyKilled_ = true;
     runner = policyLocalTask_;
   }
   if (runner) runner->terminate();
-  std::lock_guard<std::mutex> hold(policyLock_);
-  policyKilled_ = true;
 }
 
 void LaunchAgentCommand::processPolicy(const AgentNotification& notification) {
@@ -317,7 +318,7 @@ void LaunchAgentCommand::displayMessage(const std::string& message) {
 
 void LaunchAgentCommand::displayMessageThread(const std::string& message) {
   const std::string bundle = fsPath(kHelperBundle);
-  const Command command{fmt::format("{}/Contents/MacOS/veskHelper", bundle),
+  const Command command{fmt::format("{}/Contents/MacOS/{}", bundle, kHelperName),
                         "-windowType",
                         "utility",
                         "-icon",
@@ -335,7 +336,8 @@ void LaunchAgentCommand::displayMessageThread(const std::string& message) {
 }
 
 void LaunchAgentCommand::updateBadgeQuantityDelayed(const AgentNotification&) {
-  std::erase_if(badgeTimers_, [](const std::shared_ptr<Timer>& timer) { return !timer->isValid(); });
+  std::erase_if(badgeTimers_,
+                [](const std::shared_ptr<Timer>& timer) { return !timer->isValid(); });
   // Each notification has its refresh; the refresh itself runs on a thread of its own, so
   // that this thread, which kills restricted programs at their exec, never waits for the tool.
   badgeTimers_.push_back(timers().scheduledTimer(kBadgeRefreshDelay, false, [this](Timer&) {

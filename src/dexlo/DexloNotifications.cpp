@@ -62,10 +62,8 @@ bool DexloNotifications::launchApplicationWithPath(const std::string& path) {
   return launchApplicationAsUser(path, startingUserId(), startingGroupId());
 }
 
-void DexloNotifications::postNotificationName(const std::string& name,
-                                              const Dictionary& userInfo) {
-  DistributedNotificationCenter::defaultCenter().postNotificationName(name, std::nullopt,
-                                                                      userInfo);
+void DexloNotifications::postNotificationName(const std::string& name, const Dictionary& userInfo) {
+  DistributedNotificationCenter::defaultCenter().postNotificationName(name, std::nullopt, userInfo);
 }
 
 }  // namespace vesk

@@ -67,8 +67,7 @@ class DexloPreferences {
   static std::string dexloUrlFromKsvUrl(const std::string& ksvUrl);
   std::string retrieveLoggedInUserWithKsvUrl(const std::string& ksvUrl,
                                              bool allowInvalidCertificate);
-  std::string retrieveLoggedInUserFromAuthUrl(const std::string& url,
-                                              bool allowInvalidCertificate);
+  std::string retrieveLoggedInUserFromAuthUrl(const std::string& url, bool allowInvalidCertificate);
   virtual std::unique_ptr<VESKHTTPRequest> createHttpRequest();
   static std::string loggedInUsernameFromKsvResponseData(const Data* bytes);
 

@@ -4,11 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <filesystem>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "agent/LaunchAgentCommand.h"
+#include "fakes/FakeDexloNotifications.h"
 #include "fakes/FakeUserSession.h"
 #include "foundation/Paths.h"
 #include "helpers/TestSupport.h"
@@ -45,7 +48,16 @@ class TestAgent : public LaunchAgentCommand {
  public:
   test::FakeUserSession* session = nullptr;
   Timers timerSource;
-  std::vector<std::pair<std::string, Dictionary>> posts;
+  std::vector<std::pair<std::string, Dictionary>> posts;  // guarded by postsLock
+  std::mutex postsLock;
+  std::condition_variable posted;
+  test::DexloRecord dexlo;
+
+  // Waits until there are `count` posts; false when ten seconds passed first.
+  bool waitForPosts(std::size_t count) {
+    std::unique_lock<std::mutex> hold(postsLock);
+    return posted.wait_for(hold, std::chrono::seconds(10), [&] { return posts.size() >= count; });
+  }
 
   // The short names posted since the last look, each with the process it names, if any.
   Names take() {
@@ -68,7 +80,13 @@ class TestAgent : public LaunchAgentCommand {
   TimerSource& timers() override { return timerSource; }
   ProcessTable& processTable() override { return session->table; }
   void sendToDaemon(const std::string& name, const Dictionary& userInfo) override {
+    std::lock_guard<std::mutex> hold(postsLock);
     posts.emplace_back(name, userInfo);
+    posted.notify_all();
+  }
+  std::unique_ptr<DexloNotifications> makeDexloNotifications() override {
+    return std::make_unique<test::FakeDexloNotifications>(
+        fsPath("/home/Library/Preferences/com.vesksoftware.dexlo.plist"), dexlo);
   }
 };
 
@@ -224,6 +242,34 @@ TEST_F(LaunchAgentTest, BelievesOnlyAPidFileOnlyItCouldWriteAndKillsWhatItNames)
   std::filesystem::remove(pidFile());
   std::filesystem::create_symlink(sandbox.write("elsewhere", "4242"), pidFile());
   EXPECT_FALSE(agent->isAgentAlreadyRunning());  // a link is never followed
+}
+
+TEST_F(LaunchAgentTest, AClickGoesToDexloOrRunsItsPolicyAndAPolicyIdMustBeANumber) {
+  sandbox.write("Library/Preferences/com.vesksoftware.vesk.plist",
+                "<plist><dict><key>dexlo_app_path</key><string>/opt/Dexlo.app</string></dict>"
+                "</plist>");
+  start();
+  ASSERT_TRUE(agent->startAgent());
+  agent->take();
+  agent->notificationMessageActivated({"", std::nullopt, {{"dexloalert", true}}});
+  EXPECT_EQ(agent->dexlo.launched, std::vector<std::string>{"/opt/Dexlo.app"});
+  EXPECT_EQ(agent->dexloPath(), "/opt/Dexlo.app");
+
+  // Not Dexlo's: the policy it names runs on a thread of its own (policy 12 exits with 12).
+  agent->notificationMessageActivated({"", std::nullopt, {{"policyid", "12"}}});
+  ASSERT_TRUE(agent->waitForPosts(7));  // ... then Started, four pieces and PolicyError
+  EXPECT_EQ(agent->posts.front().second, (Dictionary{{"EntityId", 12LL},
+                                                     {"ResponseType", "MessageReceived"},
+                                                     {"Username", *agent->userName()}}));
+  agent->posts.clear();
+
+  const Dictionary request{{"EntityType", "policy"},
+                           {"RequestType", "TriggerPolicy"},
+                           {"EntityId", Dictionary{{"id", 3}}}};
+  agent->requestFromVeskDaemon(request);
+  ASSERT_EQ(agent->posts.size(), 2u);
+  EXPECT_EQ(agent->posts[1].second["ResponseType"], Value("PolicyError"));
+  EXPECT_EQ(agent->posts[1].second["Error"].error()->domain(), "com.vesksoftware.core.errors");
 }
 
 }  // namespace

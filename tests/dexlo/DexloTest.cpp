@@ -10,6 +10,7 @@
 
 #include "dexlo/DexloNotifications.h"
 #include "dexlo/DexloPreferences.h"
+#include "fakes/FakeDexloNotifications.h"
 #include "foundation/PropertyList.h"
 #include "foundation/VESKSystemInformation.h"
 #include "helpers/TestSupport.h"
@@ -57,7 +58,8 @@ TEST_F(Dexlo, TheFirstSignInIsFlaggedOnceAndClearedOnlyWhenSomeoneSignedIn) {
   EXPECT_FALSE(fs::exists(file));
 
   preferences->writeLastLoggedInUser("jdoe");
-  EXPECT_EQ(stored(), (Dictionary{{"LastLoggedInUser", "jdoe"}, {"UserLoggedInForFirstTime", true}}));
+  EXPECT_EQ(stored(),
+            (Dictionary{{"LastLoggedInUser", "jdoe"}, {"UserLoggedInForFirstTime", true}}));
   preferences->clearUserLoggedInForFirstTime();
   EXPECT_FALSE(preferences->userLoggedInForFirstTime());
   preferences->writeLastLoggedInUser("asmith");
@@ -82,26 +84,28 @@ TEST_F(Dexlo, AsksTheServerForTheUserOfThisComputerAndRemembersTheAnswer) {
   EXPECT_EQ(stored(), (Dictionary{{"LastLoggedInUser", "jdoe"}}));
 
   // No user: the name is cleared, the flag left alone.
-  EXPECT_EQ(preferences->retrieveLoggedInUserWithKsvUrl(server.url("/user/x-DEXLO_ERROR_TOKEN-x"),
-                                                        true),
-            "");
+  EXPECT_EQ(
+      preferences->retrieveLoggedInUserWithKsvUrl(server.url("/user/x-DEXLO_ERROR_TOKEN-x"), true),
+      "");
   EXPECT_EQ(stored(), (Dictionary{{"LastLoggedInUser", ""}}));
 
   // A certificate not trusted without the switch, and a server that is not there.
   EXPECT_EQ(preferences->retrieveLoggedInUserWithKsvUrl(server.url("/user/jdoe"), false), "");
   EXPECT_EQ(preferences->retrieveLoggedInUserWithKsvUrl("http://127.0.0.1:1/", false), "");
+  EXPECT_EQ(preferences->retrieveLoggedInUserWithKsvUrl(server.url("/" + std::string(1 << 20, 'a')),
+                                                        true),
+            "");
   EXPECT_NE(log().find("Exception occurred while getting the LDAP user: "), std::string::npos);
 }
 
 TEST_F(Dexlo, TheHardwareIdComesFromTheFirmwareWhenItHasOne) {
   root.write("etc/machine-id", "0123456789abcdef0123456789abcdef\n");
-  root.write("sys/class/dmi/id/product_uuid", "00000000-0000-0000-0000-000000000000\n");
-  EXPECT_EQ(VESKSystemInformation::hardwareUUID(), "01234567-89AB-CDEF-0123-456789ABCDEF");
-  root.write("sys/class/dmi/id/product_uuid", "4c4c4544-0042-3510-8052-b4c04f4e3732\n");
-  EXPECT_EQ(VESKSystemInformation::hardwareUUID(), "4C4C4544-0042-3510-8052-B4C04F4E3732");
-  fs::remove(root.path() / "sys/class/dmi/id/product_uuid");
-  root.write("etc/machine-id", "not an id\n");
-  EXPECT_EQ(VESKSystemInformation::hardwareUUID(), std::nullopt);
+  for (const auto& [firmware, id] : std::vector<std::pair<std::string, std::string>>{
+           {"00000000-0000-0000-0000-000000000000\n", "01234567-89AB-CDEF-0123-456789ABCDEF"},
+           {"4c4c4544-0042-3510-8052-b4c04f4e3732\n", "4C4C4544-0042-3510-8052-B4C04F4E3732"}}) {
+    root.write("sys/class/dmi/id/product_uuid", firmware);
+    EXPECT_EQ(VESKSystemInformation::hardwareUUID(), id);
+  }
 }
 
 TEST_F(Dexlo, RootWritesTheFileOfTheUserAtTheScreenOnlyAsThatUser) {
@@ -118,26 +122,6 @@ TEST_F(Dexlo, RootWritesTheFileOfTheUserAtTheScreenOnlyAsThatUser) {
             std::string::npos);
 }
 
-// A click's work, with the machine's processes, launches and posts in the test's hands.
-class FakeDexlo : public DexloNotifications {
- public:
-  explicit FakeDexlo(const fs::path& file)
-      : DexloNotifications(DexloPreferences::atPath(file.string())) {}
-  Array runningProcesses() override { return processes; }
-  bool launchApplicationWithPath(const std::string& path) override {
-    launched.push_back(path);
-    return launches;
-  }
-  void postNotificationName(const std::string& name, const Dictionary& userInfo) override {
-    posted.emplace_back(name, userInfo);
-  }
-
-  Array processes;
-  bool launches = true;
-  std::vector<std::string> launched;
-  std::vector<std::pair<std::string, Dictionary>> posted;
-};
-
 TEST_F(Dexlo, AClickStartsDexloUnlessItRunsZeroesTheBadgeAndTellsDexloEitherWay) {
   EXPECT_TRUE(DexloNotifications::isDexloNotification({{"dexloalert", true}}));
   EXPECT_FALSE(DexloNotifications::isDexloNotification({{"policyid", "12"}}));
@@ -148,18 +132,19 @@ TEST_F(Dexlo, AClickStartsDexloUnlessItRunsZeroesTheBadgeAndTellsDexloEitherWay)
       {"com.vesksoftware.dexlo.notificationClicked", click}};
   for (const char* running : {"/opt/Dexlo/Dexlo", "/opt/dexlo/dexlo"}) {
     DexloPreferences::atPath(file.string())->updateDexloPlistWithBadgeQty(4);
-    FakeDexlo dexlo(file);
+    test::DexloRecord record;
+    test::FakeDexloNotifications dexlo(file.string(), record);
     dexlo.setDexloPath("/opt/Dexlo.app");
     dexlo.processes = {Value(Dictionary{}), Value(Dictionary{{"path", running}})};
     dexlo.launches = false;
     dexlo.processDexloNotification(click);
     const bool isDexlo = std::string(running) == "/opt/Dexlo/Dexlo";
-    EXPECT_EQ(dexlo.launched, isDexlo ? std::vector<std::string>{}
-                                      : std::vector<std::string>{"/opt/Dexlo.app"});
+    EXPECT_EQ(record.launched,
+              isDexlo ? std::vector<std::string>{} : std::vector<std::string>{"/opt/Dexlo.app"});
     EXPECT_EQ(log().find("Unable to launch Dexlo at /opt/Dexlo.app with a notification.") ==
                   std::string::npos,
               isDexlo);
-    EXPECT_EQ(dexlo.posted, told);
+    EXPECT_EQ(record.posted, told);
     EXPECT_EQ(stored()["DexloBadgeNbr"], Value(0LL));
   }
 }
@@ -167,8 +152,8 @@ TEST_F(Dexlo, AClickStartsDexloUnlessItRunsZeroesTheBadgeAndTellsDexloEitherWay)
 TEST_F(Dexlo, AnApplicationStartsAsTheUserOutsideTheAgentsFamily) {
   const fs::path record = home.path() / "record";
   // The session is the sixth field of the process's stat line.
-  const std::string script = "#!/bin/sh\necho \"$(id -u) $(cut -d' ' -f6 /proc/$$/stat)\" >'" +
-                             record.string() + "'\n";
+  const std::string script =
+      "#!/bin/sh\necho \"$(id -u) $(cut -d' ' -f6 /proc/$$/stat)\" >'" + record.string() + "'\n";
   home.write("Viewer.app/Contents/MacOS/Viewer", script, 0755);
   const passwd* nobody = ::getpwnam("nobody");
   const bool asNobody = ::geteuid() == 0 && nobody != nullptr;
@@ -178,7 +163,8 @@ TEST_F(Dexlo, AnApplicationStartsAsTheUserOutsideTheAgentsFamily) {
   }
   EXPECT_TRUE(launchApplicationAsUser((home.path() / "Viewer.app").string(), uid,
                                       asNobody ? nobody->pw_gid : ::getgid()));
-  ASSERT_TRUE(test::pollUntil([&] { return test::readFile(record).find('\n') != std::string::npos; }));
+  ASSERT_TRUE(
+      test::pollUntil([&] { return test::readFile(record).find('\n') != std::string::npos; }));
   const std::string ran = test::readFile(record);
   EXPECT_EQ(ran.substr(0, ran.find(' ')), std::to_string(uid));
   EXPECT_NE(std::stol(ran.substr(ran.find(' ') + 1)), ::getsid(0));
