@@ -81,10 +81,8 @@ class LaunchAgentCommand : public VKCommand, public EnforcementCommand {
   std::string dexloPath() const;
   void setDexloPath(std::string path);
   const VESKSystemInformation& systemInfo() const { return systemInfo_; }
-  DexloPreferences& dexloPrefs() { return *dexloPrefs_; }
-  // The request that started the running policy, and whether it was killed.
+  // The request that started the running policy.
   Dictionary policyInfo() const;
-  bool policyKilled() const;
 
   // Start-up and the single-instance rule.
   // What execute does before its loop: false when this agent is to end at once.

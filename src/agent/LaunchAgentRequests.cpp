@@ -21,7 +21,6 @@ constexpr const char* kResponseTypeKey = "ResponseType";
 constexpr const char* kMdmEnrolled = "The computer was successfully enrolled in MDM";
 constexpr const char* kCoreErrorDomain = "com.vesksoftware.core.errors";
 constexpr const char* kHelperBundle = "/Library/Application Support/VESK/bin/veskHelper.app";
-constexpr const char* kHelperName = "veskHelper";
 constexpr double kBadgeRefreshDelay = 2.0;
 // How long a going agent waits for its background threads (a message window may stay open).
 constexpr double kJobsAtEndSeconds = 10.0;
@@ -150,11 +149,6 @@ void LaunchAgentCommand::requestFromVeskDaemon(const Dictionary& userInfo) {
 Dictionary LaunchAgentCommand::policyInfo() const {
   std::lock_guard<std::mutex> hold(policyLock_);
   return policyInfo_;
-}
-
-bool LaunchAgentCommand::policyKilled() const {
-  std::lock_guard<std::mutex> hold(policyLock_);
-  return policyKilled_;
 }
 
 void LaunchAgentCommand::sendMessageReceived(const Dictionary& request) {
@@ -318,7 +312,7 @@ void LaunchAgentCommand::displayMessage(const std::string& message) {
 
 void LaunchAgentCommand::displayMessageThread(const std::string& message) {
   const std::string bundle = fsPath(kHelperBundle);
-  const Command command{fmt::format("{}/Contents/MacOS/{}", bundle, kHelperName),
+  const Command command{fmt::format("{}/Contents/MacOS/veskHelper", bundle),
                         "-windowType",
                         "utility",
                         "-icon",
