@@ -171,14 +171,12 @@ void LaunchAgentCommand::task(VESKTask&, const std::string& readString) {
 
 void LaunchAgentCommand::dexloPolicyStartRequest(const Dictionary& request) {
   {
+    // Both before the daemon hears of the request: a kill it sends in answer must find them.
     std::lock_guard<std::mutex> hold(policyLock_);
     policyInfo_ = request;
-  }
-  sendMessageReceived(request);
-  {
-    std::lock_guard<std::mutex> hold(policyLock_);
     policyKilled_ = false;
   }
+  sendMessageReceived(request);
 
   const Value& entityId = request["EntityId"];
   if (!entityId.isNil() && !entityId.isNumber() && !entityId.isString()) {
@@ -213,32 +211,29 @@ void LaunchAgentCommand::dexloPolicyStartRequest(const Dictionary& request) {
     }
     runner = policyLocalTask_;
   }
-  Error error;
-  {
-    // A second start while a policy runs waits for it; from now on that run's responses
-    // carry this request's keys. A kill served meanwhile was for that run, not this one.
-    std::unique_lock<std::mutex> running(policyRunLock_, std::try_to_lock);
-    if (!running.owns_lock()) {
-      running.lock();
-      std::lock_guard<std::mutex> hold(policyLock_);
-      policyKilled_ = false;
-    }
-    // Error text joins the output: Dexlo shows the user both.
-    (void)runner->executeAndAnswerPromptWith(command, std::nullopt, &error, false, false);
+  // A second start while a policy runs waits for it; from now on that run's responses carry
+  // this request's keys. A kill served meanwhile was for that run, not this one. The run is
+  // judged, and its end told, before the next may start.
+  std::unique_lock<std::mutex> running(policyRunLock_, std::try_to_lock);
+  if (!running.owns_lock()) {
+    running.lock();
+    std::lock_guard<std::mutex> hold(policyLock_);
+    policyKilled_ = false;
   }
+  Error error;
+  // Error text joins the output: Dexlo shows the user both.
+  (void)runner->executeAndAnswerPromptWith(command, std::nullopt, &error, false, false);
 
   Dictionary response;
-  bool failed = false;
   {
     std::lock_guard<std::mutex> hold(policyLock_);
     response = policyInfo_;
-    failed = !error.domain().empty() && !policyKilled_;
-  }
-  if (failed) {
-    response.set(kResponseTypeKey, "PolicyError");
-    response.set("Error", error);
-  } else {
-    response.set(kResponseTypeKey, "Finished");
+    if (!error.domain().empty() && !policyKilled_) {
+      response.set(kResponseTypeKey, "PolicyError");
+      response.set("Error", error);
+    } else {
+      response.set(kResponseTypeKey, "Finished");
+    }
   }
   postNotificationToDaemon(kResponseEvent, response);
 }

@@ -397,25 +397,34 @@ TEST_F(AgentRun, RunsPoliciesForDexloStreamingTheirProgressAndStopsOneWhenTold) 
   EXPECT_EQ(answer(daemon, {"Error"}),
             "PolicyError {\"domain\":\"com.vesksoftware.task.errors\",\"code\":7,\"userInfo\":{}}");
 
-  // Killed while it runs: finished, not failed, and its process is gone.
+  // A second start waits for the running policy, whose later answers carry the second
+  // request's keys; a kill stops the running one, which ends finished, not failed, and its
+  // process is gone; then the second runs (263 exits with 7).
   request({"EntityType=policy", "RequestType=TriggerPolicy"});
   EXPECT_EQ(answer(daemon, {"EntityId"}), "MessageReceived -");
   const std::string running = answer(daemon, {"ProcessId"});
   EXPECT_EQ(answer(daemon, {"Data"}), "OutputData Executing Policy 0\\n");
+  request({"EntityType=policy", "RequestType=TriggerPolicy", "EntityId=263"});
+  std::string next;
+  while ((next = answer(daemon, {"EntityId"})) == "OutputData -") continue;
+  EXPECT_EQ(next, "MessageReceived 263");
   request({"EntityType=policy", "RequestType=Kill"});
-  std::string last;
-  while ((last = answer(daemon)) == "OutputData") continue;
-  EXPECT_EQ(last, "Finished");
+  while ((next = answer(daemon, {"EntityId"})) == "OutputData 263") continue;
+  EXPECT_EQ(next, "Finished 263");
   const pid_t tool = std::stoi(running.substr(running.find(' ') + 1));
   EXPECT_NE(::kill(tool, 0), 0);
   EXPECT_NE(agent.lineWith("Killing a policy"), "");
+  EXPECT_EQ(answer(daemon, {"EntityId"}), "Started 263");
+  EXPECT_EQ(answer(daemon, {"Data"}), "OutputData Executing Policy 263\\n");
+  while ((next = answer(daemon)) == "OutputData") continue;
+  EXPECT_EQ(next, "PolicyError");
 
   // User level MDM, and the inventory, on threads of their own.
   request({"EntityType=configprofile", "RequestType=EnableUserLevelMdm", "Marker=mdm"});
   EXPECT_EQ(answer(daemon, {"Marker"}), "Finished mdm");
   request({"EntityType=general", "RequestType=Survo", "Marker=survo"});
   EXPECT_EQ(answer(daemon, {"Marker"}), "Finished survo");
-  EXPECT_THAT(toolCalls(), testing::ElementsAre(testing::_, testing::_, testing::_,
+  EXPECT_THAT(toolCalls(), testing::ElementsAre(testing::_, testing::_, testing::_, testing::_,
                                                 testing::EndsWith(" mdm -userLevelMdm"),
                                                 testing::EndsWith(" survo")));
 }
