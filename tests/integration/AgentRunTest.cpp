@@ -144,6 +144,20 @@ class AgentRun : public ::testing::Test {
     }
     return agent;
   }
+  // The user guest, made when missing; null, with the reason, when the agent cannot run as it.
+  static const passwd* guestUser(std::string* why) {
+    if (::getpwnam("guest") == nullptr &&
+        test::runProgram("/usr/sbin/useradd", {"-M", "guest"}, {}).status != 0)
+      *why = "no user guest, and none can be made";
+    else
+      *why = test::whyNobodyCannotRun(VESK_AGENT_PATH);
+    return why->empty() ? ::getpwnam("guest") : nullptr;
+  }
+  // The prefix that runs a program as `user`.
+  static std::vector<std::string> runAs(const passwd& user) {
+    return {"/usr/bin/setpriv", "--reuid=" + std::to_string(user.pw_uid),
+            "--regid=" + std::to_string(user.pw_gid), "--clear-groups", "--"};
+  }
   // Says `name` as root, to every agent on the bus.
   static void notify(const std::string& name) {
     ASSERT_EQ(test::startProgram(VESK_CENTER_TOOL, {"notify", name})->waitUntilExit(), 0);
@@ -337,15 +351,10 @@ TEST_F(AgentRun, SurvivesAFloodOfLaunchesKillsEveryRestrictedOneAndUnloadsWhenTo
 }
 
 TEST_F(AgentRun, AGuestOnTenNineLeavesTheRunningAgentAloneUnlikeLaterSystems) {
-  if (::getpwnam("guest") == nullptr &&
-      test::runProgram("/usr/sbin/useradd", {"-M", "guest"}, {}).status != 0)
-    GTEST_SKIP() << "no user guest, and none can be made";
-  if (const std::string why = test::whyNobodyCannotRun(VESK_AGENT_PATH); !why.empty())
-    GTEST_SKIP() << why;
-  const passwd* guest = ::getpwnam("guest");
-  const std::vector<std::string> asGuest = {
-      "/usr/bin/setpriv", "--reuid=" + std::to_string(guest->pw_uid),
-      "--regid=" + std::to_string(guest->pw_gid), "--clear-groups", "--"};
+  std::string why;
+  const passwd* guest = guestUser(&why);
+  if (guest == nullptr) GTEST_SKIP() << why;
+  const std::vector<std::string> asGuest = runAs(*guest);
   Peer daemon = startDaemon();
   std::vector<std::string> olderAgent = asGuest;
   olderAgent.insert(olderAgent.end(), {"/bin/sleep", "30"});
@@ -430,18 +439,14 @@ TEST_F(AgentRun, RunsPoliciesForDexloStreamingTheirProgressAndStopsOneWhenTold) 
 }
 
 TEST_F(AgentRun, AnswersOnlyRequestsForItsUserAndReportsAFailedEnrollment) {
-  if (::getpwnam("guest") == nullptr &&
-      test::runProgram("/usr/sbin/useradd", {"-M", "guest"}, {}).status != 0)
-    GTEST_SKIP() << "no user guest, and none can be made";
-  if (const std::string why = test::whyNobodyCannotRun(VESK_AGENT_PATH); !why.empty())
-    GTEST_SKIP() << why;
-  const passwd* guest = ::getpwnam("guest");
+  std::string why;
+  const passwd* guest = guestUser(&why);
+  if (guest == nullptr) GTEST_SKIP() << why;
   // The agent serves requests while its user has the screen.
   ASSERT_EQ(::chown((root.path() / "dev/console").c_str(), guest->pw_uid, guest->pw_gid), 0);
   Peer daemon = startDaemon();
   ::setenv("VESK_SANDBOX_MDM", "fail", 1);
-  Peer agent = startAgent({"/usr/bin/setpriv", "--reuid=" + std::to_string(guest->pw_uid),
-                           "--regid=" + std::to_string(guest->pw_gid), "--clear-groups", "--"});
+  Peer agent = startAgent(runAs(*guest));
   ::unsetenv("VESK_SANDBOX_MDM");
   waitForObserver();
 
