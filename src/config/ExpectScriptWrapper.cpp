@@ -8,7 +8,6 @@
 
 #include <cctype>
 #include <cerrno>
-#include <cstring>
 
 #include "config/ClientFolders.h"
 #include "foundation/FileManager.h"
@@ -24,12 +23,6 @@ constexpr const char* expectTemplate = "#!%@\nset timeout 60\nspawn -noecho %@\n
 constexpr const char* kInterpreter = "/usr/bin/expect";
 constexpr const char* kDefaultPrompt = "password";
 constexpr mode_t kScriptPermissions = 0700;
-
-// An error of the system's kind for errno `code`.
-Error posixError(int code) {
-  return Error("NSPOSIXErrorDomain", code,
-               Dictionary{{kLocalizedDescriptionKey, std::strerror(code)}});
-}
 
 std::string randomUUIDString() {
   gchar* uuid = g_uuid_string_random();

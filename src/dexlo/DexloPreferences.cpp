@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 
 #include "config/ClientFolders.h"
 #include "foundation/FileManager.h"
@@ -33,11 +32,13 @@ constexpr mode_t kPreferencesMode = 0755;
 
 DexloPreferences::DexloPreferences(ConsoleUserLookup consoleUser)
     : consoleUser_(std::move(consoleUser)), localTask_(std::make_unique<VKLocalTask>()) {
+  // The home folder and its owner from one lookup, as homeDirectory finds the folder.
   const std::optional<std::string> console = currentConsoleUsername();
   const std::optional<UserAccount> account =
-      userAccountNamed(console ? *console : userNameForUid(startingUserId()));
+      console ? userAccountNamed(*console) : userAccountForUid(startingUserId());
   if (account) owner_ = Owner{account->uid, account->gid};
-  dexloPreferencesPath_ = dexloPrefsPath();
+  dexloPreferencesPath_ =
+      stringByAppendingPathComponent(account ? account->home : "", kPreferencesFile);
 }
 
 DexloPreferences::DexloPreferences(std::string path, std::optional<Owner> owner)
@@ -134,43 +135,48 @@ void DexloPreferences::writePrefData(const Value& value, const std::string& with
 
 // --- The signed-in user ---
 
-std::optional<std::string> DexloPreferences::lastLoggedInUser() {
+const Value* DexloPreferences::readPref(std::string_view key) {
   readPrefs();
   const Dictionary* preferences = dexloPlist_.dictionary();
-  const Value* name = preferences ? preferences->find(kLastLoggedInUserKey) : nullptr;
+  return preferences ? preferences->find(key) : nullptr;
+}
+
+void DexloPreferences::writeAndAnnounce(const Dictionary& preferences) {
+  writeDictionary(preferences, dexloPreferencesPath_);
+  updatePermissions();
+  synchronizePrefs();
+}
+
+std::optional<std::string> DexloPreferences::lastLoggedInUser() {
+  const Value* name = readPref(kLastLoggedInUserKey);
   if (name == nullptr || name->isNil()) return std::nullopt;
   return name->stringValue();
 }
 
 bool DexloPreferences::isLastLoggedInUserSetAlready() {
-  readPrefs();
-  const Dictionary* preferences = dexloPlist_.dictionary();
-  return preferences != nullptr && preferences->contains(kLastLoggedInUserKey);
+  return readPref(kLastLoggedInUserKey) != nullptr;
 }
 
 bool DexloPreferences::userLoggedInForFirstTime() {
-  readPrefs();
-  const Dictionary* preferences = dexloPlist_.dictionary();
-  const Value* flag = preferences ? preferences->find(kUserLoggedInForFirstTimeKey) : nullptr;
+  const Value* flag = readPref(kUserLoggedInForFirstTimeKey);
   return flag == nullptr || flag->boolValue();
 }
 
+// The writers below change what isLastLoggedInUserSetAlready has just read: the file is read
+// once.
 void DexloPreferences::writeLastLoggedInUser(const std::string& name) {
-  Dictionary preferences = mutableDictionaryFromPrefsFilePath(dexloPreferencesPath_);
-  if (!isLastLoggedInUserSetAlready()) preferences.set(kUserLoggedInForFirstTimeKey, true);
+  const bool firstTime = !isLastLoggedInUserSetAlready();
+  Dictionary preferences = dexloPlist_.dictionary() ? *dexloPlist_.dictionary() : Dictionary();
+  if (firstTime) preferences.set(kUserLoggedInForFirstTimeKey, true);
   preferences.set(kLastLoggedInUserKey, name);
-  writeDictionary(preferences, dexloPreferencesPath_);
-  updatePermissions();
-  synchronizePrefs();
+  writeAndAnnounce(preferences);
 }
 
 void DexloPreferences::clearUserLoggedInForFirstTime() {
   if (!isLastLoggedInUserSetAlready()) return;
-  Dictionary preferences = mutableDictionaryFromPrefsFilePath(dexloPreferencesPath_);
+  Dictionary preferences = *dexloPlist_.dictionary();
   preferences.set(kUserLoggedInForFirstTimeKey, false);
-  writeDictionary(preferences, dexloPreferencesPath_);
-  updatePermissions();
-  synchronizePrefs();
+  writeAndAnnounce(preferences);
 }
 
 // --- The badge ---
@@ -201,10 +207,8 @@ void DexloPreferences::updatePermissions() {
   });
   if (changed) return;
   if (failure == 0) failure = EPERM;
-  const Error error("NSPOSIXErrorDomain", failure,
-                    {{kLocalizedDescriptionKey, std::string(std::strerror(failure))}});
   VKLogging::logEventAndPrintVerbose("Failed to set the attributes of {}: {}",
-                                     dexloPreferencesPath_, error.description());
+                                     dexloPreferencesPath_, posixError(failure).description());
 }
 
 // --- Asking the server ---

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "foundation/Value.h"
 
@@ -78,6 +79,10 @@ class DexloPreferences {
   };
   DexloPreferences(std::string path, std::optional<Owner> owner);
 
+  // Reads the file; the value under `key`, or null.
+  const Value* readPref(std::string_view key);
+  // Writes the file whole, gives it its mode and tells a running Dexlo.
+  void writeAndAnnounce(const Dictionary& preferences);
   // Runs `work` with the ids of the file's owner; false, and nothing run, when this process
   // is root and cannot take them on.
   bool asOwner(const std::function<void()>& work);

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <cstring>
+
 namespace vesk {
 
 std::string Error::localizedDescription() const {
@@ -11,6 +13,11 @@ std::string Error::localizedDescription() const {
 
 std::string Error::description() const {
   return fmt::format("Error Domain={} Code={} \"{}\"", domain_, code_, localizedDescription());
+}
+
+Error posixError(int code) {
+  return Error("NSPOSIXErrorDomain", code,
+               Dictionary{{kLocalizedDescriptionKey, std::string(std::strerror(code))}});
 }
 
 }  // namespace vesk

@@ -38,6 +38,9 @@ class Error {
   Dictionary userInfo_;
 };
 
+// An error of the system's kind for errno `code`, described as the C library describes it.
+Error posixError(int code);
+
 // Stores an error into an optional out-argument.
 inline void setError(Error* out, Error error) {
   if (out != nullptr) *out = std::move(error);

@@ -25,6 +25,8 @@ std::string currentUserShortName();
 std::string userNameForUid(uid_t uid);
 // The home folder of user `uid`; empty when the system has none for it.
 std::string homeOfUser(uid_t uid);
+// The account of user `uid`; nullopt when there is none.
+std::optional<UserAccount> userAccountForUid(uid_t uid);
 // The account named `name`; nullopt when there is none.
 std::optional<UserAccount> userAccountNamed(const std::string& name);
 

@@ -2,7 +2,6 @@
 
 #include <glib.h>
 #include <grp.h>
-#include <pwd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,7 +9,7 @@
 
 #include "foundation/FileManager.h"
 #include "foundation/Paths.h"
-#include "foundation/StringHelpers.h"
+#include "platform/Users.h"
 
 namespace vesk {
 namespace {
@@ -50,16 +49,13 @@ bool launchApplicationAsUser(const std::string& path, uid_t uid, gid_t gid) {
   if (path.empty()) return false;
   Identity identity{uid, gid, {}, ::getuid() != uid || ::geteuid() != uid || ::getgid() != gid};
   std::string home = "/";
-  passwd entry{};
-  passwd* found = nullptr;
-  std::vector<char> buffer(16384);
-  if (::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr) {
-    if (found->pw_dir != nullptr && isDirectory(found->pw_dir)) home = found->pw_dir;
+  if (const std::optional<UserAccount> account = userAccountForUid(uid)) {
+    if (isDirectory(account->home)) home = account->home;
     int count = 64;
     identity.groups.resize(static_cast<std::size_t>(count));
-    if (::getgrouplist(found->pw_name, gid, identity.groups.data(), &count) < 0) {
+    if (::getgrouplist(account->name.c_str(), gid, identity.groups.data(), &count) < 0) {
       identity.groups.resize(static_cast<std::size_t>(count));
-      (void)::getgrouplist(found->pw_name, gid, identity.groups.data(), &count);
+      (void)::getgrouplist(account->name.c_str(), gid, identity.groups.data(), &count);
     }
     identity.groups.resize(static_cast<std::size_t>(count));
   } else {

@@ -34,22 +34,22 @@ std::optional<UserAccount> account(LookUp lookUp) {
   }
 }
 
-std::optional<UserAccount> accountOfUid(uid_t uid) {
-  return account([uid](passwd* entry, char* buffer, std::size_t size, passwd** found) {
-    return ::getpwuid_r(uid, entry, buffer, size, found);
-  });
-}
-
 }  // namespace
 
 std::string userNameForUid(uid_t uid) {
-  const std::optional<UserAccount> found = accountOfUid(uid);
+  const std::optional<UserAccount> found = userAccountForUid(uid);
   return found ? found->name : "";
 }
 
 std::string homeOfUser(uid_t uid) {
-  const std::optional<UserAccount> found = accountOfUid(uid);
+  const std::optional<UserAccount> found = userAccountForUid(uid);
   return found ? found->home : "";
+}
+
+std::optional<UserAccount> userAccountForUid(uid_t uid) {
+  return account([uid](passwd* entry, char* buffer, std::size_t size, passwd** found) {
+    return ::getpwuid_r(uid, entry, buffer, size, found);
+  });
 }
 
 std::optional<UserAccount> userAccountNamed(const std::string& name) {
