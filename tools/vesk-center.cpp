@@ -1,13 +1,15 @@
 // vesk-center: the daemon's side of the notification channel, for administrators, tests and
 // the demo.
 //
-//   vesk-center serve                     own the daemon's name; print every post as JSON
+//   vesk-center serve [--readable]        own the daemon's name; print every post as JSON,
+//                                         or as one line of text each
 //   vesk-center post NAME [key=value...]  post to the daemon's center, as an agent does
 //   vesk-center notify NAME [key=value...] post a distributed notification
 //
 // Values that read as integers travel as integers, true and false as booleans, the rest as
 // strings. `serve` prints one JSON object per line, {"name":...,"userInfo":{...}}, and stops
-// on SIGINT or SIGTERM.
+// on SIGINT or SIGTERM; with --readable, each post is a line for people:
+// "NAME  key=value  key=value", the client's common prefix left out.
 
 #include <fmt/format.h>
 #include <gio/gio.h>
@@ -41,7 +43,7 @@ constexpr double kStayAfterNotifying = 0.25;
 
 int usage() {
   std::fputs(
-      "Usage: vesk-center serve\n"
+      "Usage: vesk-center serve [--readable]\n"
       "       vesk-center post NAME [key=value...]\n"
       "       vesk-center notify NAME [key=value...]\n",
       stderr);
@@ -75,7 +77,47 @@ bool parseUserInfo(char** begin, char** end, Dictionary* userInfo) {
   return true;
 }
 
-int serve() {
+// A value as people read it: strings bare unless blanks or quotes would make them ambiguous,
+// containers in braces.
+void appendReadable(std::string& out, const Value& value) {
+  if (const std::string* text = value.string()) {
+    if (!text->empty() && text->find_first_of(" \t\n\"=,{}") == std::string::npos)
+      out += *text;
+    else
+      appendJsonString(out, *text);
+    return;
+  }
+  const Dictionary* dictionary = value.dictionary();
+  if (dictionary == nullptr) return appendJson(out, value);
+  out += '{';
+  const char* separator = "";
+  for (const auto& [key, item] : *dictionary) {
+    out += separator + key + '=';
+    appendReadable(out, item);
+    separator = ", ";
+  }
+  out += '}';
+}
+
+std::string readableLine(const std::string& name, const Dictionary& userInfo) {
+  constexpr std::string_view prefix = "com.vesksoftware.vesk.";
+  std::string line = name.starts_with(prefix) ? name.substr(prefix.size()) : name;
+  for (const auto& [key, value] : userInfo) {
+    line += "  " + key + '=';
+    appendReadable(line, value);
+  }
+  return line + '\n';
+}
+
+std::string jsonLine(const std::string& name, const Dictionary& userInfo) {
+  std::string line = "{\"name\":";
+  appendJsonString(line, name);
+  line += ",\"userInfo\":";
+  appendJsonObject(line, userInfo);
+  return line + "}\n";
+}
+
+int serve(bool readable) {
   // A center on a bus that went away hears nothing any more: end, for a supervisor to start
   // it again on the bus that replaced it, as the agent does.
   std::string why;
@@ -86,16 +128,12 @@ int serve() {
           &why))
     return fail("no system bus: " + why);
   auto center = vesk::VESKNotificationCenter::initForDaemonWithName(vesk::kDaemonCenterName);
-  center->setMonitor(
-      [](const std::string& name, const std::optional<std::string>&, const Dictionary& userInfo) {
-        std::string line = "{\"name\":";
-        appendJsonString(line, name);
-        line += ",\"userInfo\":";
-        appendJsonObject(line, userInfo);
-        line += "}\n";
-        std::fwrite(line.data(), 1, line.size(), stdout);
-        std::fflush(stdout);
-      });
+  center->setMonitor([readable](const std::string& name, const std::optional<std::string>&,
+                                const Dictionary& userInfo) {
+    const std::string line = readable ? readableLine(name, userInfo) : jsonLine(name, userInfo);
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fflush(stdout);
+  });
   center->prepareVendingMachine();
   if (!center->isVended()) return 1;  // the center has said why on standard error
 
@@ -139,7 +177,10 @@ int notify(const std::string& name, const Dictionary& userInfo) {
 int main(int argc, char** argv) {
   if (argc < 2) return usage();
   const std::string verb = argv[1];
-  if (verb == "serve") return argc == 2 ? serve() : usage();
+  if (verb == "serve") {
+    if (argc == 2) return serve(false);
+    return argc == 3 && std::string(argv[2]) == "--readable" ? serve(true) : usage();
+  }
   if ((verb != "post" && verb != "notify") || argc < 3) return usage();
   Dictionary userInfo;
   if (!parseUserInfo(argv + 3, argv + argc, &userInfo)) return usage();

@@ -260,7 +260,7 @@ void LaunchAgentCommand::unloadSelf(const std::vector<std::string>& arguments) {
   VKLogging::printlnVerbose("Unloading self...");
   // launchctl acts on the launch domain of its real user: the user's own.
   (void)::setreuid(uid_, static_cast<uid_t>(-1));
-  std::vector<std::string> command = {fsPath("/bin/launchctl")};
+  std::vector<std::string> command = {toolPath("/bin/launchctl")};
   command.insert(command.end(), arguments.begin(), arguments.end());
   (void)localTask().execute(command);
   exitProcess(0);

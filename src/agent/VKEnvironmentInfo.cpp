@@ -77,7 +77,7 @@ std::string VKEnvironmentInfo::getComputerName() {
       ~Done() { lookingUp = false; }
     } done;
     const Value preferences = state.task.executeReturningPlist(
-        {fsPath("/usr/bin/defaults"), "read",
+        {toolPath("/usr/bin/defaults"), "read",
          fsPath("/Library/Preferences/SystemConfiguration/preferences"), "System"});
     const Dictionary* dict = preferences.dictionary();
     const Value name = dict ? dict->valueForKeyPath("System.ComputerName") : Value();

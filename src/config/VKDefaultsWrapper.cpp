@@ -7,7 +7,7 @@ namespace vesk {
 namespace {
 
 std::vector<std::string> toolCommand(std::initializer_list<std::string> arguments) {
-  std::vector<std::string> command{fsPath("/usr/bin/defaults")};
+  std::vector<std::string> command{toolPath("/usr/bin/defaults")};
   command.insert(command.end(), arguments);
   return command;
 }

@@ -25,6 +25,12 @@ std::string fsPath(std::string_view path) {
   return *root + std::string(path);
 }
 
+std::string toolPath(std::string_view path) {
+  if (path == "/bin/launchctl") return fsPath("/usr/local/vesk/bin/launchctl");
+  if (path == "/usr/bin/defaults") return fsPath("/usr/local/vesk/bin/vesk-defaults");
+  return fsPath(path);
+}
+
 std::string stringByAppendingPathComponent(std::string_view base, std::string_view component) {
   std::string joined(base);
   if (!joined.empty()) joined.push_back('/');

@@ -20,6 +20,11 @@ void forgetIgnoredOverrides();
 // VESK_ROOT is set (tests, the demo and unprivileged runs), that folder followed by `path`.
 // A set-user-id run ignores VESK_ROOT, so no one can redirect what it reads, writes or runs.
 std::string fsPath(std::string_view path);
+// Where the client's tool at `path` (its macOS path) is on this machine: the ones a Linux
+// system lacks ("/bin/launchctl", "/usr/bin/defaults") are installed beside the agent in
+// /usr/local/vesk/bin (launchctl, vesk-defaults), so
+// that installing the client never touches the system's own folders. Through fsPath.
+std::string toolPath(std::string_view path);
 
 // `component` joined to `base` as a path: one "/" between them, runs of "/" made one and a
 // trailing "/" dropped. An empty base gives the component alone, so "" and "/a/b" give "/a/b".

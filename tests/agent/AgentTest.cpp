@@ -154,7 +154,7 @@ class EnvironmentInfo : public ::testing::Test {
 
   // A stand-in `defaults` that records its arguments and prints `output`.
   void installDefaults(const std::string& output) {
-    root_.write("usr/bin/defaults",
+    root_.write("usr/local/vesk/bin/vesk-defaults",
                 "#!/bin/sh\necho \"$@\" > \"$VESK_ROOT/args\"\ncat <<'EOF'\n" + output + "\nEOF\n",
                 0755);
   }

@@ -205,7 +205,7 @@ TEST(DefaultsWrapper, PassesEachOperationsArgumentsWithThePathTrimmedAndWithoutI
   // A `defaults` that records each argument list, complains on its error stream as the real
   // one does about a missing key, and prints what the test asks it to.
   test::TemporaryFolder root;
-  root.write("usr/bin/defaults",
+  root.write("usr/local/vesk/bin/vesk-defaults",
              "#!/bin/sh\nfor a; do printf '[%s]' \"$a\"; done >> \"$VESK_ROOT/calls\"\n"
              "echo >> \"$VESK_ROOT/calls\"\necho 'no such key' >&2\n"
              "cat \"$VESK_ROOT/answer\" 2>/dev/null\n",
@@ -218,7 +218,8 @@ TEST(DefaultsWrapper, PassesEachOperationsArgumentsWithThePathTrimmedAndWithoutI
   wrapper.writeBooleanValue(false, "off", "/prefs/a");
   wrapper.deleteDefaultForKey("gone", "\t/prefs/b.plist");
   wrapper.writeStringValues(Dictionary{{"one", Value("1")}, {"two", Value("2")}}, "/prefs/c.plist");
-  wrapper.writeDefault({fsPath("/usr/bin/defaults"), "write", "/as/given.plist", "k", "-int", "3"});
+  wrapper.writeDefault(
+      {toolPath("/usr/bin/defaults"), "write", "/as/given.plist", "k", "-int", "3"});
   EXPECT_EQ(wrapper.readStringDefault("key", "/prefs/a.plist"), "");  // the complaint is not it
   EXPECT_EQ(test::readFile(root.path() / "calls"),
             "[write][/prefs/a][key][v a l]\n"
