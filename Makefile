@@ -1,6 +1,9 @@
 # make test       install what the project needs, build, run every test
 # make test-asan  the same under AddressSanitizer and UndefinedBehaviorSanitizer
-# make run        build and show the program at work
+# make run        build and show the program at work: a short session, as a transcript
+# make agent      the same setup, left running until Ctrl-C for you to try by hand
+# make install    install the client's agent and tools (as root; DESTDIR honoured)
+# make package    build the Debian package build/veskagent_VERSION_ARCH.deb
 # make bench      build and run the benchmarks in bench/
 # make fuzz       build the fuzz targets in fuzz/ with clang and run each for FUZZ_SECONDS
 
@@ -11,7 +14,7 @@ FUZZ_BUILD := build-fuzz
 FUZZ_SECONDS ?= 60
 CMAKE_GEN  := -G Ninja
 
-.PHONY: all deps build test test-asan run bench fuzz format clean
+.PHONY: all deps build test test-asan run agent install package bench fuzz format clean
 
 all: build
 
@@ -32,10 +35,22 @@ test-asan: deps
 	UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
 	  ctest --test-dir $(ASAN_BUILD) --output-on-failure -j2
 
-run: deps
+run: quiet-build
+	@scripts/demo $(BUILD)
+
+agent: quiet-build
+	@scripts/demo --interactive $(BUILD)
+
+install: build
+	cmake --install $(BUILD)
+
+package: build
+	cd $(BUILD) && cpack -G DEB
+
+.PHONY: quiet-build
+quiet-build: deps
 	@cmake -S . -B $(BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 	@cmake --build $(BUILD) -j2 >/dev/null || cmake --build $(BUILD) -j2
-	@scripts/demo $(BUILD)
 
 bench: deps
 	@cmake -S . -B $(BENCH_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Release -DVESK_BUILD_BENCH=ON -DVESK_BUILD_TESTS=OFF >/dev/null
