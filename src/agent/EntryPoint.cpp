@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <csignal>
 #include <optional>
 
 #include "agent/CanRunOnThisOSXVersionCommand.h"
@@ -67,6 +68,9 @@ int runGuarded(const std::function<int()>& body) {
 
 int veskAgentMain(int argc, char** argv) {
   forgetIgnoredOverrides();
+  // A log that reaches the file-size limit someone set must fail its writes, not end the agent:
+  // the agent goes on enforcing without its log.
+  std::signal(SIGXFSZ, SIG_IGN);
   return runGuarded([&] { return dispatch(argc, argv); });
 }
 

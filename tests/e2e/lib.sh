@@ -1,0 +1,153 @@
+# What the end-to-end tests share: the client installed into a sandbox root as `cmake --install`
+# lays it out, a private system bus with the installed policy, `vesk-center serve` as the
+# daemon, the tests' stand-in login manager, and waiting for what the peers print.
+#
+# Each test runs as root in a mount namespace of its own (re-executing itself under unshare),
+# so that what it mounts (a bus at the system socket, a full disk, stand-ins over system tools)
+# is gone with it. VESK_BUILD is the build folder; exit 77 means skipped.
+set -euo pipefail
+
+skip() {
+  echo "SKIP: $*"
+  exit 77
+}
+fail() {
+  echo "FAIL: $*" >&2
+  exit 1
+}
+
+[[ $(id -u) -eq 0 ]] || skip "the installed agent is tried as root"
+if [[ -z ${VESK_E2E_NAMESPACE:-} ]]; then
+  unshare -m --propagation private /bin/true 2>/dev/null || skip "no mount namespace here"
+  VESK_E2E_NAMESPACE=1 exec unshare -m --propagation private bash "$0" "$@"
+fi
+
+build=$(cd "${VESK_BUILD:?}" && pwd)
+source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+work=$(mktemp -d /tmp/vesk-e2e.XXXXXX)
+chmod 0755 "$work"
+root=$work/root
+bin=$root/usr/local/vesk/bin
+restricted=vesk-e2e-forbidden-$$
+export VESK_ROOT=$root
+unset VESK_OS_VERSION
+
+started=()
+cleanup() {
+  local status=$? i
+  set +e
+  for ((i = ${#started[@]} - 1; i >= 0; i--)); do
+    kill -KILL -- "-${started[i]}" 2>/dev/null && wait "${started[i]}" 2>/dev/null
+  done
+  pkill -KILL -f "^[^ ]*$work/" 2>/dev/null
+  if [[ $status -ne 0 && $status -ne 77 ]]; then
+    for log in "$work"/*.out "$root/private/var/log/vesk.log"; do
+      [[ -f $log ]] && { echo "--- $log"; tail -n 25 "$log" | tr -d '\000' | cut -c 1-400; }
+    done
+  fi
+  rm -rf "$work"
+  exit "$status"
+}
+trap cleanup EXIT
+
+# Starts a command in a process group of its own, output to $work/NAME.out, with the caller's
+# standard input (a background command would get /dev/null); sets $last.
+run_bg() {
+  local name=$1
+  shift
+  setsid "$@" <&0 >>"$work/$name.out" 2>&1 &
+  last=$!
+  started+=("$last")
+}
+
+# Waits up to fifteen seconds for a command to succeed.
+await() {
+  local i
+  for i in $(seq 300); do "$@" && return 0; sleep 0.05; done
+  return 1
+}
+
+# Lines of $work/NAME.out after the ones already taken by expect_line.
+declare -A taken=()
+unread() { tail -n +$((${taken[$1]:-0} + 1)) "$work/$1.out" 2>/dev/null; }
+# The first line of NAME's output not yet taken that holds every text: it goes to $found, and
+# it and the lines before it are taken.
+find_line() {
+  local name=$1 n=0 line text ok
+  shift
+  while IFS= read -r line; do
+    n=$((n + 1))
+    ok=true
+    for text in "$@"; do [[ $line == *"$text"* ]] || ok=false; done
+    if $ok; then
+      taken[$name]=$((${taken[$name]:-0} + n))
+      found=$line
+      return 0
+    fi
+  done < <(unread "$name")
+  return 1
+}
+expect_line() { await find_line "$@" || fail "no line of $1 with: ${*:2}"; }
+
+# The client installed over a sandbox root: its folders, the computer's name and a stand-in
+# for the management tool (make-sandbox), then everything `cmake --install` puts in place, and
+# a restricted-software list that kills $restricted.
+install_client() {
+  VESK_DEFAULTS_TOOL=$build/tools/vesk-defaults "$source_dir/scripts/make-sandbox" "$root" \
+    >/dev/null
+  DESTDIR=$root cmake --install "$build" >/dev/null
+  cat >"$root/Library/Application Support/VESK/.blacklist.xml" <<XML
+<?xml version="1.0"?><ns2:list xmlns:ns2="urn:e2e"><ns2:blacklisted><ns2:id>42</ns2:id>
+<ns2:process>$restricted</ns2:process><ns2:kill>true</ns2:kill></ns2:blacklisted></ns2:list>
+XML
+  cp /bin/sleep "$root/bin/$restricted"
+}
+
+# A private system bus with the installed policy, at SOCKET (default: in $work).
+start_bus() {
+  local socket=${1:-$work/system_bus_socket}
+  sed "s|@SOCKET@|$socket|; s|@POLICY@|$root/usr/share/dbus-1/system.d/com.vesksoftware.vesk.conf|" \
+    "$source_dir/scripts/demo-bus.conf" >"$work/bus.conf"
+  run_bg bus dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile
+  bus_pid=$last
+  export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$socket
+  await test -S "$socket" || fail "the bus did not start"
+}
+
+center() { "$bin/vesk-center" "$@"; }
+
+# The daemon, printing each post as JSON into daemon.out.
+start_daemon() {
+  run_bg daemon "$bin/vesk-center" serve
+  daemon_pid=$last
+  await center post com.vesksoftware.vesk.e2eReady || fail "the daemon did not start"
+  expect_line daemon e2eReady
+}
+
+# The stand-in login manager for USER's session; commands go to fd 7.
+start_logind() {
+  rm -f "$work/logind.in"
+  mkfifo "$work/logind.in"
+  # Opened for reading and writing, the pipe does not wait for a reader.
+  exec 7<>"$work/logind.in"
+  run_bg logind "$build/tests/helpers/fake_logind" --user="$1" <"$work/logind.in"
+  expect_line logind ready
+}
+
+# The installed agent, verbose, once it monitors; a prefix runs it (setpriv, prlimit). Sets
+# $agent_pid.
+start_agent() {
+  run_bg agent "$@" "$bin/veskAgent" -verbose
+  agent_pid=$last
+  expect_line agent "Monitoring for events..."
+}
+
+# Starts the restricted program: true when it was killed and the daemon was told.
+restricted_is_killed() {
+  local pid status
+  "$root/bin/$restricted" 30 &
+  pid=$!
+  wait "$pid" && status=0 || status=$?
+  [[ $status -eq 137 ]] || fail "$restricted ended with status $status, not killed"
+  expect_line daemon '"name":"com.vesksoftware.vesk.blacklistEvent"' "\"ProcessID\":$pid"
+}
