@@ -124,13 +124,13 @@ start_daemon() {
   expect_line daemon e2eReady
 }
 
-# The stand-in login manager for USER's session; commands go to fd 7.
+# The stand-in login manager for USER's session (then its options); commands go to fd 7.
 start_logind() {
   rm -f "$work/logind.in"
   mkfifo "$work/logind.in"
   # Opened for reading and writing, the pipe does not wait for a reader.
   exec 7<>"$work/logind.in"
-  run_bg logind "$build/tests/helpers/fake_logind" --user="$1" <"$work/logind.in"
+  run_bg logind "$build/tests/helpers/fake_logind" --user="$@" <"$work/logind.in"
   expect_line logind ready
 }
 

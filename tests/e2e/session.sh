@@ -18,27 +18,63 @@ done
 log=$root/private/var/log/vesk.log
 truncate -s 99999999 "$log"
 
+# The session's display, its cookie where the display manager leaves it, and a window in front
+# whose process the agent reports as the front application.
+cookie=$root/run/user/0/gdm/Xauthority
+mkdir -p "$(dirname "$cookie")"
+# One record for any display: family 65535, no address, no number, the 16-byte cookie.
+{
+  printf '\377\377\0\0\0\0\0\022MIT-MAGIC-COOKIE-1\0\020'
+  head -c 16 /dev/urandom
+} >"$cookie"
+run_bg xvfb Xvfb -displayfd 1 -nolisten tcp -auth "$cookie"
+expect_line xvfb ""
+display=:$found
+rm -f "$work/x11.in"
+mkfifo "$work/x11.in"
+exec 8<>"$work/x11.in"
+run_bg x11 "$build/tests/helpers/x11_client" "$display" "$cookie" $$ <"$work/x11.in"
+x11_pid=$last
+expect_line x11 done
+front="\"NSApplicationPath\":\"$build/tests/helpers/x11_client\""
+
 start_bus
 start_daemon
-start_logind root
+start_logind root --display="$display"
 start_agent
-expect_line daemon '"com.vesksoftware.vesk.workspaceActivated"' '"Username":"root"'
-expect_line daemon '"com.vesksoftware.vesk.agentStart"' "\"pid\":\"$agent_pid\""
+# The next post of NAME by root's agent, with every KEY; bare: one that carries no record.
+posted() {
+  local name=$1
+  shift
+  expect_line daemon "{\"name\":\"com.vesksoftware.vesk.$name\"" "$@" '"Username":"root"'
+}
+bare() {
+  posted "$1"
+  [[ $found != *NSApplication* ]] || fail "$1 carries an application: $found"
+}
+posted workspaceActivated "$front"
+posted agentStart "\"pid\":\"$agent_pid\""
+posted appActivationEvent "$front" '"NSApplicationName":"x11_client"' \
+  "\"NSApplicationProcessIdentifier\":$x11_pid"
 
-for command in "locked true" "locked false" "sleep true" "sleep false" "active false" \
-  "active true"; do
-  echo "$command" >&7
-done
-for name in screenLockedEvent screenUnlockedEvent systemSleepEvent systemWakeEvent \
-  workspaceDeactivated workspaceActivated; do
-  expect_line daemon "\"com.vesksoftware.vesk.$name\"" '"Username":"root"'
-done
-for name in com.apple.screensaver.didstart com.apple.screensaver.didstop \
-  com.vesksoftware.vesk.survoEvent; do
-  center notify "$name"
-done
-for name in screensaverActivatedEvent screensaverDeactivatedEvent survoEvent; do
-  expect_line daemon "\"com.vesksoftware.vesk.$name\"" '"Username":"root"'
+# The session: each change, and what the daemon hears of it.
+for change in "locked true:screenLockedEvent" "locked false:screenUnlockedEvent:front" \
+  "sleep true:systemSleepEvent" "sleep false:systemWakeEvent:front" \
+  "active false:workspaceDeactivated" "active true:workspaceActivated:front" \
+  "didstart:screensaverActivatedEvent" "didstop:screensaverDeactivatedEvent:front" \
+  "survo:survoEvent:front" "second:appActivationEvent:shell" "first:appActivationEvent:front"; do
+  IFS=: read -r command name record <<<"$change"
+  case $command in
+    did*) center notify "com.apple.screensaver.$command" ;;
+    survo) center notify com.vesksoftware.vesk.survoEvent ;;
+    first | second) echo "$command" >&8 && expect_line x11 done ;;
+    *) echo "$command" >&7 ;;
+  esac
+  case $record in
+    front) posted "$name" "$front" ;;
+    shell) posted "$name" "\"NSApplicationProcessIdentifier\":$$" ;;
+    *) bare "$name" ;;
+  esac
 done
 
 restricted_is_killed
@@ -48,8 +84,8 @@ for key in "\"AppPath\":\"$root/bin/$restricted\"" '"BlacklistID":42' '"Owner":"
   "\"Process\":\"*$restricted*\"" '"Username":"root"'; do
   [[ $found == *"$key"* ]] || fail "blacklistEvent without $key: $found"
 done
-expect_line daemon '"com.vesksoftware.vesk.appLaunchingEvent"' \
-  "\"NSApplicationPath\":\"$root/bin/$restricted\"" "\"NSApplicationProcessIdentifier\":\"$pid\""
+posted appLaunchingEvent "\"NSApplicationPath\":\"$root/bin/$restricted\"" \
+  "\"NSApplicationProcessIdentifier\":\"$pid\""
 launched=(appLaunchingEvent)
 
 # An application: a program the desktop started in a launch unit of its own.
@@ -60,15 +96,16 @@ if [[ -n $groups && -w $groups ]]; then
   sh -c "echo \$\$ >'$unit/cgroup.procs' && exec /bin/sleep 30" &
   app=$!
   for name in appLaunchingEvent appLaunchedEvent; do
-    expect_line daemon "\"com.vesksoftware.vesk.$name\"" '"NSApplicationName":"sleep"' \
-      '"NSApplicationPath":"/usr/bin/sleep"' "\"NSApplicationProcessIdentifier\":$app"
+    posted "$name" '"NSApplicationName":"sleep"' '"NSApplicationPath":"/usr/bin/sleep"' \
+      "\"NSApplicationProcessIdentifier\":$app"
   done
   kill "$app"
   wait "$app" || true
-  expect_line daemon '"com.vesksoftware.vesk.appTerminatedEvent"' \
-    "\"NSApplicationProcessIdentifier\":$app"
+  posted appTerminatedEvent "\"NSApplicationProcessIdentifier\":$app"
+  # What is in front now is looked at again.
+  posted appActivationEvent "$front"
   rmdir "$unit"
-  launched+=(appLaunchingEvent appLaunchedEvent appTerminatedEvent)
+  launched+=(appLaunchingEvent appLaunchedEvent appTerminatedEvent appActivationEvent)
 else
   echo "no writable control-group tree: no desktop application launched"
 fi
@@ -99,9 +136,9 @@ if id guest >/dev/null 2>&1 || useradd -M guest 2>/dev/null; then
 fi
 
 echo "shutdown true" >&7
-expect_line daemon '"com.vesksoftware.vesk.systemPowerOffEvent"' '"Username":"root"'
+bare systemPowerOffEvent
 echo "state closing" >&7
-expect_line daemon '"com.vesksoftware.vesk.userLogOut"' '"Username":"root"'
+posted userLogOut "$front"
 center notify com.vesksoftware.vesk.stopDaemon
 wait "$agent_pid" && status=0 || status=$?
 [[ $status -eq 0 ]] || fail "the agent ended with status $status after stopDaemon"
@@ -109,9 +146,10 @@ grep -qx "0 /run/user/0 systemctl --user --no-block stop vesk-agent.service" "$w
   fail "launchctl did not stop the unit: $(cat "$work/recorded")"
 
 # Each event exactly once, in order.
-expected=(e2eReady workspaceActivated agentStart screenLockedEvent screenUnlockedEvent
-  systemSleepEvent systemWakeEvent workspaceDeactivated workspaceActivated
-  screensaverActivatedEvent screensaverDeactivatedEvent survoEvent blacklistEvent "${launched[@]}"
+expected=(e2eReady workspaceActivated agentStart appActivationEvent screenLockedEvent
+  screenUnlockedEvent systemSleepEvent systemWakeEvent workspaceDeactivated workspaceActivated
+  screensaverActivatedEvent screensaverDeactivatedEvent survoEvent appActivationEvent
+  appActivationEvent blacklistEvent "${launched[@]}"
   veskAgentRequestEvent veskAgentResponseEvent veskAgentResponseEvent veskAgentResponseEvent
   veskAgentResponseEvent veskAgentResponseEvent veskAgentResponseEvent veskAgentResponseEvent
   veskAgentRequestEvent "${healed[@]}" systemPowerOffEvent userLogOut)

@@ -8,7 +8,8 @@
 //                                   once no more than N are held or five seconds have passed
 //                                   (a closed descriptor may reach us late: the bus hands it on)
 // --user-unit: the caller is in no session, its user's graphical one is on ":7";
-// --refuse-inhibit: Inhibit is denied; --user=NAME: the session is NAME's, not someone's.
+// --refuse-inhibit: Inhibit is denied; --user=NAME: the session is NAME's, not someone's;
+// --display=DISPLAY: the session's X display.
 #include <gio/gio.h>
 #include <gio/gunixfdlist.h>
 #include <poll.h>
@@ -18,6 +19,8 @@
 #include <map>
 #include <set>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -140,11 +143,12 @@ int main(int argc, char** argv) {
   logind.options.insert(argv + 1, argv + argc);
   if (logind.options.count("--user-unit") != 0) logind.session["Display"] = "':7'";
   for (const std::string& option : logind.options)
-    if (option.starts_with("--user=")) {
-      std::string quoted(1, '\'');  // GVariant's text form of a string
-      quoted.append(option, 7).push_back('\'');
-      logind.session["Name"] = quoted;
-    }
+    for (const auto& [prefix, property] : {std::pair{"--user=", "Name"}, {"--display=", "Display"}})
+      if (option.starts_with(prefix)) {
+        std::string quoted(1, '\'');  // GVariant's text form of a string
+        quoted.append(option, std::string_view(prefix).size()).push_back('\'');
+        logind.session[property] = quoted;
+      }
   GError* error = nullptr;
   logind.bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
   if (logind.bus == nullptr) g_error("%s", error->message);
