@@ -31,6 +31,9 @@ bin=$root/usr/local/vesk/bin
 restricted=vesk-e2e-forbidden-$$
 export VESK_ROOT=$root
 unset VESK_OS_VERSION
+# How the client's programs are run: with `client` as a prefix, from `client_bin`.
+client=()
+client_bin=$bin
 
 started=()
 cleanup() {
@@ -45,7 +48,9 @@ cleanup() {
       [[ -f $log ]] && { echo "--- $log"; tail -n 25 "$log" | tr -d '\000' | cut -c 1-400; }
     done
   fi
-  rm -rf "$work"
+  # The installed system's mounts go first: nothing below them is ours to remove.
+  [[ -d $work/system ]] && umount -R -l "$work/system" 2>/dev/null
+  rm -rf --one-file-system "$work"
   exit "$status"
 }
 trap cleanup EXIT
@@ -103,6 +108,40 @@ XML
   cp /bin/sleep "$root/bin/$restricted"
 }
 
+# The client installed on a system of its own, where it runs with the paths it has when
+# installed for real: a root folder that sees this machine's /usr and /etc through overlays
+# (what the installation writes there stays in the overlay), with the client's folders at its
+# top and a fresh /proc, /tmp and /run; `client` runs its programs there, with the system bus
+# at its usual socket. Sets root to that folder, where VESK_ROOT then points for what runs
+# outside it.
+install_system() {
+  local dir device
+  root=$work/system
+  mkdir -p "$root"
+  mount -t tmpfs -o mode=0755 tmpfs "$root"
+  for dir in usr etc; do
+    mkdir -p "$root/.$dir/upper" "$root/.$dir/work" "$root/$dir"
+    mount -t overlay overlay \
+      -o "lowerdir=/$dir,upperdir=$root/.$dir/upper,workdir=$root/.$dir/work" "$root/$dir"
+  done
+  for dir in bin lib lib64 sbin; do ln -s "usr/$dir" "$root/$dir"; done
+  mkdir -p "$root/proc" "$root/dev" "$root/run/dbus" "$root/home" "$root/var" \
+    "$root/private/var/log" "$root/Library/Preferences" "$root/Library/Application Support/VESK/bin"
+  ln -s ../run "$root/var/run"
+  mount -t proc proc "$root/proc"
+  for device in null zero random urandom console; do
+    touch "$root/dev/$device"
+    mount --bind "/dev/$device" "$root/dev/$device"
+  done
+  install -d -m 1777 "$root/tmp" "$root/private/tmp"
+  DESTDIR=$root cmake --install "$build" >/dev/null
+  bin=$root/usr/local/vesk/bin
+  export VESK_ROOT=$root
+  client=(env -u VESK_ROOT DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket
+    chroot "$root")
+  client_bin=/usr/local/vesk/bin
+}
+
 # A private system bus with the installed policy, at SOCKET (default: in $work).
 start_bus() {
   local socket=${1:-$work/system_bus_socket}
@@ -114,11 +153,11 @@ start_bus() {
   await test -S "$socket" || fail "the bus did not start"
 }
 
-center() { "$bin/vesk-center" "$@"; }
+center() { "${client[@]}" "$client_bin/vesk-center" "$@"; }
 
 # The daemon, printing each post as JSON into daemon.out.
 start_daemon() {
-  run_bg daemon "$bin/vesk-center" serve
+  run_bg daemon "${client[@]}" "$client_bin/vesk-center" serve
   daemon_pid=$last
   await center post com.vesksoftware.vesk.e2eReady || fail "the daemon did not start"
   expect_line daemon e2eReady
@@ -134,10 +173,16 @@ start_logind() {
   expect_line logind ready
 }
 
-# The installed agent, verbose, once it monitors; a prefix runs it (setpriv, prlimit). Sets
-# $agent_pid.
+# The installed agent, verbose, once it monitors: start_agent [PREFIX...] [-- OPTION...]; the
+# prefix runs it (setpriv, prlimit). Sets $agent_pid.
 start_agent() {
-  run_bg agent "$@" "$bin/veskAgent" -verbose
+  local prefix=()
+  while [[ $# -gt 0 && $1 != -- ]]; do
+    prefix+=("$1")
+    shift
+  done
+  [[ $# -gt 0 ]] && shift
+  run_bg agent "${client[@]}" "${prefix[@]}" "$client_bin/veskAgent" -verbose "$@"
   agent_pid=$last
   expect_line agent "Monitoring for events..."
 }
