@@ -163,13 +163,15 @@ start_daemon() {
   expect_line daemon e2eReady
 }
 
-# The stand-in login manager for USER's session (then its options); commands go to fd 7.
+# The stand-in login manager for USER's session (then its options); commands go to fd 7. Sets
+# $logind_pid.
 start_logind() {
   rm -f "$work/logind.in"
   mkfifo "$work/logind.in"
   # Opened for reading and writing, the pipe does not wait for a reader.
   exec 7<>"$work/logind.in"
   run_bg logind "$build/tests/helpers/fake_logind" --user="$@" <"$work/logind.in"
+  logind_pid=$last
   expect_line logind ready
 }
 
@@ -185,6 +187,17 @@ start_agent() {
   run_bg agent "${client[@]}" "${prefix[@]}" "$client_bin/veskAgent" -verbose "$@"
   agent_pid=$last
   expect_line agent "Monitoring for events..."
+}
+
+# The daemon's next post of NAME by root's agent, with every KEY; bare: one that carries no record.
+posted() {
+  local name=$1
+  shift
+  expect_line daemon "{\"name\":\"com.vesksoftware.vesk.$name\"" "$@" '"Username":"root"'
+}
+bare() {
+  posted "$1"
+  [[ $found != *NSApplication* ]] || fail "$1 carries an application: $found"
 }
 
 # Starts the restricted program: true when it was killed and the daemon was told.

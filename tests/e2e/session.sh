@@ -42,16 +42,6 @@ start_bus
 start_daemon
 start_logind root --display="$display"
 start_agent
-# The next post of NAME by root's agent, with every KEY; bare: one that carries no record.
-posted() {
-  local name=$1
-  shift
-  expect_line daemon "{\"name\":\"com.vesksoftware.vesk.$name\"" "$@" '"Username":"root"'
-}
-bare() {
-  posted "$1"
-  [[ $found != *NSApplication* ]] || fail "$1 carries an application: $found"
-}
 posted workspaceActivated "$front"
 posted agentStart "\"pid\":\"$agent_pid\""
 posted appActivationEvent "$front" '"NSApplicationName":"x11_client"' \
