@@ -43,6 +43,7 @@ agent: quiet-build
 
 install: build
 	cmake --install $(BUILD)
+	@[ -n "$(DESTDIR)" ] || packaging/debian/postinst configure
 
 package: build
 	cd $(BUILD) && cpack -G DEB
@@ -55,7 +56,7 @@ quiet-build: deps
 bench: deps
 	@cmake -S . -B $(BENCH_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Release -DVESK_BUILD_BENCH=ON -DVESK_BUILD_TESTS=OFF >/dev/null
 	@cmake --build $(BENCH_BUILD) -j2
-	@for b in $(BENCH_BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
+	@bench/report $(BENCH_BUILD)
 
 fuzz: deps
 	@CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVESK_FUZZ=ON -DVESK_BUILD_TESTS=OFF >/dev/null

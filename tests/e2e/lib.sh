@@ -39,6 +39,8 @@ started=()
 cleanup() {
   local status=$? i
   set +e
+  # A test's own undoing, when it has any.
+  declare -F undo >/dev/null && undo
   for ((i = ${#started[@]} - 1; i >= 0; i--)); do
     kill -KILL -- "-${started[i]}" 2>/dev/null && wait "${started[i]}" 2>/dev/null
   done
