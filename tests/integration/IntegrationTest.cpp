@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "helpers/PrivateBus.h"
 #include "helpers/TestSupport.h"
 #include "platform/ChildProcess.h"
 
@@ -157,29 +156,6 @@ TEST(SetUserId, TheEnvironmentRedirectsNothingAndChildrenGetNoneOfTheStartersShe
   EXPECT_EQ(
       probe.run("task-env", hostile).output,
       "euid=65534\nPATH=/usr/bin:/bin:/usr/sbin:/sbin:/usr/local/vesk/bin\nLANG=C.UTF-8\nTERM=xterm\n");
-}
-
-TEST(SetUserId, TheBusKnowsAnAgentByTheUserWhoStartedIt) {
-  if (::getuid() != 0) GTEST_SKIP() << "needs root to give a program to another user";
-  test::PrivateBus bus;
-  const Probe probe("bus_probe");
-  ASSERT_TRUE(probe.makeSetUserIdNobody(0));  // set-user-id root, as the agent is installed
-  // A set-user-id process uses the system's bus whatever its environment says: in a mount
-  // namespace of its own, the private bus takes the system's place.
-  const std::string script =
-      "mount -t tmpfs tmpfs /run/dbus && touch /run/dbus/system_bus_socket && "
-      "mount --bind '" +
-      bus.socketPath() +
-      "' /run/dbus/system_bus_socket || exit 99; "
-      "exec setpriv --reuid=65534 --regid=65534 --clear-groups '" +
-      probe.path().string() + "' whoami";
-  const auto run = test::runProgram(
-      "/usr/bin/unshare", {"--mount", "--propagation", "private", "/bin/sh", "-c", script},
-      test::environmentWithout({}), true);
-  if (run.status == 99 || run.output.starts_with("unshare:"))
-    GTEST_SKIP() << "no mount namespace for the bus: " << run.output;
-  EXPECT_EQ(run.output, "uid 65534\n");
-  EXPECT_EQ(run.status, 0);
 }
 
 }  // namespace
