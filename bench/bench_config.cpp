@@ -22,9 +22,9 @@ struct ScratchRoot {
   ScratchRoot() {
     std::string pattern = (fs::temp_directory_path() / "vesk-bench-XXXXXX").string();
     path = ::mkdtemp(pattern.data());
-    fs::create_directories(path + "/usr/bin");
+    fs::create_directories(path + "/usr/local/vesk/bin");
     fs::create_directories(path + "/private/tmp");
-    fs::create_symlink(VESK_DEFAULTS_TOOL, path + "/usr/bin/defaults");
+    fs::create_symlink(VESK_DEFAULTS_TOOL, path + "/usr/local/vesk/bin/vesk-defaults");
     ::setenv("VESK_ROOT", path.c_str(), 1);
   }
   ~ScratchRoot() { fs::remove_all(path); }

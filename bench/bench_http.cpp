@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "Latencies.h"
 #include "networking/TestServers.h"
 #include "networking/VESKHTTPRequest.h"
 
@@ -61,6 +62,10 @@ void compare(const char* what, const std::string& url, const std::vector<std::st
   const double theirsMedian = megabytesPerSecond(theirs[kRounds / 2]);
   std::printf("%-6s VESKHTTPRequest %7.0f MB/s   curl %7.0f MB/s   ratio %.2f (median of %d)\n",
               what, oursMedian, theirsMedian, oursMedian / theirsMedian, kRounds);
+  vesk::bench::result(std::string(what) + " download of 100 MB by VESKHTTPRequest, median of " +
+                          std::to_string(kRounds),
+                      vesk::bench::amount(oursMedian, "MB/s", 0), "none",
+                      "curl, same URL " + vesk::bench::amount(theirsMedian, "MB/s", 0));
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "Latencies.h"
 #include "foundation/RunLoop.h"
 #include "notifications/DBusValue.h"
 #include "notifications/SystemBus.h"
@@ -58,15 +59,36 @@ int runDaemon() {
   while (true) vesk::RunLoop::current().runUntil(3600);
 }
 
-void report(const char* what, std::vector<double>& microseconds, double seconds) {
+struct Figures {
+  double p50, p99, perSecond;
+};
+
+Figures report(const char* what, std::vector<double>& microseconds, double seconds) {
   std::sort(microseconds.begin(), microseconds.end());
-  std::printf("%-34s p50 %7.1f us   p99 %7.1f us   %8.0f per second\n", what,
-              microseconds[microseconds.size() / 2], microseconds[microseconds.size() * 99 / 100],
-              static_cast<double>(microseconds.size()) / seconds);
+  const Figures figures{microseconds[microseconds.size() / 2],
+                        microseconds[microseconds.size() * 99 / 100],
+                        static_cast<double>(microseconds.size()) / seconds};
+  std::printf("%-34s p50 %7.1f us   p99 %7.1f us   %8.0f per second\n", what, figures.p50,
+              figures.p99, figures.perSecond);
+  return figures;
+}
+
+// The three figures for bench/report, each beside the same figure of the bare call: `timed`
+// names the times, `rate` the rate.
+void results(const std::string& timed, const std::string& rate, const Figures& figures,
+             const Figures& bare) {
+  using vesk::bench::amount;
+  using vesk::bench::result;
+  result(timed + " p50", amount(figures.p50, "us"), "none",
+         "bare GDBus call p50 " + amount(bare.p50, "us"));
+  result(timed + " p99", amount(figures.p99, "us"), "none",
+         "bare GDBus call p99 " + amount(bare.p99, "us"));
+  result(rate, amount(figures.perSecond, "per second", 0), "none",
+         "bare GDBus call " + amount(bare.perSecond, "per second", 0));
 }
 
 template <typename Call>
-double measure(const char* what, Call call) {
+Figures measure(const char* what, Call call) {
   std::vector<double> times;
   times.reserve(kPosts);
   for (int i = 0; i < 200; ++i) call();  // warm up
@@ -77,8 +99,7 @@ double measure(const char* what, Call call) {
     times.push_back(std::chrono::duration<double, std::micro>(Clock::now() - before).count());
   }
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  report(what, times, seconds);
-  return times[times.size() / 2];
+  return report(what, times, seconds);
 }
 
 }  // namespace
@@ -135,17 +156,19 @@ int main(int argc, char** argv) {
   vesk::VESKNotificationCenterProxy proxy(*owner);
 
   std::printf("10,000 round trips, 10-key userInfo, daemon in another process\n");
-  const double bare = measure("bare GDBus call", [&] {
+  const Figures bare = measure("bare GDBus call", [&] {
     GVariant* reply = g_dbus_connection_call_sync(
         connection, owner->c_str(), kEchoPath, "bench.Echo", "Post",
         g_variant_new("(ss@a{sv}u)", "bench.event", "", vesk::variantFromDictionary(userInfo), 3u),
         nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
     if (reply != nullptr) g_variant_unref(reply);
   });
-  const double posted = measure("post through the daemon's center", [&] {
+  const Figures posted = measure("post through the daemon's center", [&] {
     proxy.postNotificationNameOptions("bench.event", std::nullopt, userInfo, vesk::kPostOptions);
   });
-  std::printf("post / bare at p50: %.2f\n", posted / bare);
+  std::printf("post / bare at p50: %.2f\n", posted.p50 / bare.p50);
+  results("post through the daemon's center, round trip", "post through the daemon's center, rate",
+          posted, bare);
 
   // The client role: the caller only queues the post; a thread of the process takes the posts
   // to the daemon in order. Held: how long each post keeps its caller; the rate: posts
@@ -160,8 +183,9 @@ int main(int argc, char** argv) {
     held.push_back(std::chrono::duration<double, std::micro>(Clock::now() - before).count());
   }
   if (!vesk::VESKNotificationCenter::waitForPosts(120)) std::printf("posts still waiting\n");
-  report("client post (caller held; delivered)", held,
-         std::chrono::duration<double>(Clock::now() - start).count());
+  const Figures queued = report("client post (caller held; delivered)", held,
+                                std::chrono::duration<double>(Clock::now() - start).count());
+  results("client post, caller held", "client post, delivered to the daemon", queued, bare);
 
   ::kill(daemon, SIGTERM);
   ::kill(bus, SIGTERM);

@@ -25,7 +25,10 @@ extern char** environ;
 
 namespace {
 
+using vesk::bench::amount;
+using vesk::bench::latencyResults;
 using vesk::bench::report;
+using vesk::bench::result;
 
 using Clock = std::chrono::steady_clock;
 
@@ -82,6 +85,9 @@ int main() {
   report("spawn to exec event on the run loop", toEvent);
   report("  of which posix_spawn itself", spawnOnly);
   report("  spawn returned to exec event", afterSpawn);
+  latencyResults("spawn to exec event on the run loop", toEvent, "<= 1000 us", "posix_spawn itself",
+                 spawnOnly);
+  latencyResults("spawn returned to exec event", afterSpawn, "none", "", {});
 
   // The burst: a thread spawns and reaps as fast as it can while this one handles the events.
   const long beforeBurst = residentKilobytes();
@@ -111,7 +117,15 @@ int main() {
   std::printf("burst of %d launches in %.2f s: %ld exec events delivered, %ld lost, %llu rescans\n",
               kBurst, seconds, static_cast<long>(delivered), static_cast<long>(kBurst - delivered),
               static_cast<unsigned long long>(source->rescans()));
+  const long afterBurst = residentKilobytes();
   std::printf("resident memory: %ld kB at start, %ld kB before the burst, %ld kB after\n", before,
-              beforeBurst, residentKilobytes());
+              beforeBurst, afterBurst);
+  const std::string burst = "burst of " + std::to_string(kBurst) + " launches: ";
+  result(burst + "time until every exec is heard", amount(seconds, "s", 2), "none", "none");
+  result(burst + "exec events lost", amount(kBurst - delivered, "events", 0), "none", "none");
+  result(burst + "rescans", std::to_string(source->rescans()), "none", "none");
+  result(
+      burst + "resident memory growth", amount(afterBurst - beforeBurst, "kB", 0), "none",
+      "before the burst " + amount(beforeBurst, "kB", 0) + ", at start " + amount(before, "kB", 0));
   return 0;
 }
