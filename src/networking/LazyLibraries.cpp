@@ -57,9 +57,9 @@ Function resolve(const char* library, const char* name) {
 // option's range tells, as libcurl reads them itself.
 namespace {
 
-template <typename Handle, typename Option>
-CURLcode forwardOption(CURLcode (*real)(Handle*, Option, ...), Handle* handle, Option option,
-                       va_list arguments) {
+template <typename Result, typename Handle, typename Option>
+Result forwardOption(Result (*real)(Handle*, Option, ...), Handle* handle, Option option,
+                     va_list arguments) {
   if (option < CURLOPTTYPE_OBJECTPOINT) return real(handle, option, va_arg(arguments, long));
   if (option >= CURLOPTTYPE_OFF_T && option < CURLOPTTYPE_BLOB)
     return real(handle, option, va_arg(arguments, curl_off_t));
@@ -81,13 +81,7 @@ extern "C" CURLMcode curl_multi_setopt(CURLM* multi, CURLMoption option, ...) {
   static const auto real = vesk::resolve<decltype(&::curl_multi_setopt)>(vesk::kCurl, __func__);
   va_list arguments;
   va_start(arguments, option);
-  CURLMcode result;
-  if (option < CURLOPTTYPE_OBJECTPOINT)
-    result = real(multi, option, va_arg(arguments, long));
-  else if (option >= CURLOPTTYPE_OFF_T)
-    result = real(multi, option, va_arg(arguments, curl_off_t));
-  else
-    result = real(multi, option, va_arg(arguments, void*));
+  const CURLMcode result = forwardOption(real, multi, option, arguments);
   va_end(arguments);
   return result;
 }

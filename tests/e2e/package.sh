@@ -63,7 +63,7 @@ done
 [[ $(readlink /private/var) == /var && $(readlink /private/tmp) == /tmp ]] ||
   fail "the client's /private folders do not lead to the system's"
 "$bin/vesk-defaults" read /Library/Preferences/SystemConfiguration/preferences System |
-  grep -qF "<string>$(hostname)</string>" || fail "the computer's name was not written"
+  grep -qF "<string>$(uname -n)</string>" || fail "the computer's name was not written"
 [[ $("$bin/veskAgent" version) == "version=9.96+LEG" ]] || fail "the installed agent does not run"
 
 # The bus was told: root may own the daemon's name now.

@@ -249,47 +249,6 @@ TEST_F(AgentRun, LogsEveryNotificationButOneAndGivesWayToANewerAgent) {
   EXPECT_EQ(launchctlCalls(), "remove com.vesksoftware.vesk.agent\n");
 }
 
-TEST_F(AgentRun, ReachesADaemonThatComesLateAndRegistersOnceWithEachOne) {
-  Peer logind = startLogind();
-  Peer agent = startAgent();
-  EXPECT_NE(agent.lineWith("Unable to send notification [com.vesksoftware.vesk.agentStart] - "
-                           "daemon not available."),
-            "");
-  const auto marked = [](const std::string& marker) {
-    return "Policy request type of  \"" + marker + "\" is unhandled by the agent";
-  };
-  for (const std::string run : {"1", "2"}) {
-    Peer daemon = startDaemon();
-    logind.process->writeInput(run == "1" ? "locked true\n" : "locked false\n");
-    EXPECT_EQ(daemon.names(1), Names{run == "1" ? "screenLockedEvent" : "screenUnlockedEvent"});
-    // Requests reach the agent once it has registered with this daemon; then each reaches it
-    // exactly once.
-    ASSERT_TRUE(test::pollUntil([&] {
-      request({"EntityType=policy", "RequestType=probe" + run});
-      return agent.process->readOutputFor(agent.printed, 100) &&
-             agent.printed.find(marked("probe" + run)) != std::string::npos;
-    }));
-    request({"EntityType=policy", "RequestType=once" + run});
-    request({"EntityType=policy", "RequestType=after" + run});
-    ASSERT_NE(agent.lineWith(marked("after" + run)), "");
-    const std::size_t once = agent.printed.find(marked("once" + run));
-    EXPECT_NE(once, std::string::npos);
-    EXPECT_EQ(agent.printed.find(marked("once" + run), once + 1), std::string::npos);
-    stopDaemon(daemon);
-  }
-}
-
-TEST_F(AgentRun, KeepsEnforcingWithoutLoginManagerOrProcessConnector) {
-  if (test::startProgram("/usr/bin/unshare", {"-n", "/bin/true"})->waitUntilExit() != 0)
-    GTEST_SKIP() << "cannot make a network namespace here";
-  Peer daemon = startDaemon();
-  // Without a network of its own the kernel's process connector refuses the agent.
-  Peer agent = startAgent({"/usr/bin/unshare", "-n"});
-  EXPECT_THAT(agent.printed, testing::HasSubstr("No login manager"));
-  EXPECT_THAT(agent.printed, testing::HasSubstr("every 0.25 s instead"));
-  EXPECT_TRUE(restrictedProgramIsKilled(daemon));
-}
-
 TEST_F(AgentRun, SurvivesAFloodOfLaunchesKillsEveryRestrictedOneAndUnloadsWhenTold) {
   Peer daemon = startDaemon();
   Peer agent = startAgent();
