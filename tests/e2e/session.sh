@@ -153,7 +153,7 @@ received=$(grep -o '^{"name":"com.vesksoftware.vesk.[A-Za-z0-9]*"' "$work/daemon
 size=$(gzip -dc "$log.1.gz" | wc -c)
 ((size >= 100000000 && size < 100001000)) || fail "the rotated log holds $size bytes"
 line='^(Mon|Tue|Wed|Thu|Fri|Sat|Sun) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) '
-line+='[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} [^ ]+ vesk\[[0-9]+\]: .'
+line+='[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} [^ ].* vesk\[[0-9]+\]: .'
 gzip -dc "$log.1.gz" | tail -c +100000000 | head -c 1000 | grep -Eq "$line" ||
   fail "the line that crossed 100,000,000 bytes is not a log line"
 [[ -s $log ]] && ! grep -Evq "$line" "$log" ||
