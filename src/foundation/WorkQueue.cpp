@@ -1,5 +1,8 @@
 #include "foundation/WorkQueue.h"
 
+#include <malloc.h>
+
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -7,6 +10,12 @@
 #include <thread>
 
 namespace vesk {
+namespace {
+
+// Queued pieces at once that count as a burst.
+constexpr std::size_t kBacklog = 64;
+
+}  // namespace
 
 struct WorkQueue::State {
   std::mutex lock;
@@ -19,7 +28,9 @@ struct WorkQueue::State {
   // One thread's life: work until there is none left.
   static void serve(const std::shared_ptr<State>& state) {
     std::unique_lock<std::mutex> hold(state->lock);
+    std::size_t backlog = 0;
     while (!state->queue.empty()) {
+      backlog = std::max(backlog, state->queue.size());
       std::function<void()> work = std::move(state->queue.front());
       state->queue.pop_front();
       hold.unlock();
@@ -29,6 +40,14 @@ struct WorkQueue::State {
       }
       work = nullptr;  // what it holds goes before the next piece starts
       hold.lock();
+      if (state->queue.empty() && backlog >= kBacklog) {
+        // The allocator keeps what a burst of queued work took at its peak; a process that
+        // lives as long as a session should not carry its largest burst for the rest of it.
+        backlog = 0;
+        hold.unlock();
+        ::malloc_trim(0);
+        hold.lock();
+      }
     }
     --state->running;
     state->idle.notify_all();
