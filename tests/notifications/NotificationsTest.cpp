@@ -279,16 +279,8 @@ TEST_F(Channel, AnAgentDroppedForAnsweringLateRegistersAgainAndLeavesWithItsConn
   EXPECT_TRUE(loop_.runUntilCondition([&] { return records() == 0; }, 10));
 }
 
-TEST_F(Channel, LetsNoOtherUserOwnTheDaemonsNameOrCallAnAgent) {
-  if (const std::string why = test::whyNobodyCannotRun(VESK_CENTER_TOOL); !why.empty())
-    GTEST_SKIP() << why;
-  auto serving = test::startAsNobody(VESK_CENTER_TOOL, {"serve"});
-  EXPECT_EQ(serving->readOutputToEnd(),
-            "Failed to register name (com.vesksoftware.vesk.vesknotificationcenter)\n");
-  EXPECT_EQ(serving->waitUntilExit(), 1);
-  expectOnlyRootToReachAnAgent("org.freedesktop.DBus.Error.AccessDenied");
-}
-
+// That the installed policy keeps other users from the daemon's name and from agents is tried
+// end to end (tests/e2e/security.sh); here, the agent's own check behind it.
 TEST_F(Channel, RefusesAnotherUsersCallOfAnAgentEvenWhereTheBusLetsItThrough) {
   if (const std::string why = test::whyNobodyCannotRun("/usr/bin/gdbus"); !why.empty())
     GTEST_SKIP() << why;
