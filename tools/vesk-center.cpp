@@ -22,13 +22,16 @@
 #include <vector>
 
 #include "ToolSupport.h"
+#include "agent/VKEnvironmentInfo.h"
 #include "foundation/Error.h"
 #include "foundation/Exception.h"
 #include "foundation/RunLoop.h"
 #include "foundation/Value.h"
+#include "logging/VKLogging.h"
 #include "notifications/DistributedNotificationCenter.h"
 #include "notifications/SystemBus.h"
 #include "notifications/VESKNotificationCenter.h"
+#include "task/VKLocalTask.h"
 
 namespace {
 
@@ -176,6 +179,9 @@ int notify(const std::string& name, const Dictionary& userInfo) {
 
 int main(int argc, char** argv) {
   if (argc < 2) return usage();
+  // Its lines in the client's log name the computer, as every other program's do.
+  vesk::VKLogging::setLogFileSources(&vesk::VKEnvironmentInfo::getComputerName,
+                                     &vesk::compressWithGzip);
   const std::string verb = argv[1];
   if (verb == "serve") {
     if (argc == 2) return serve(false);
