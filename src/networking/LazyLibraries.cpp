@@ -29,18 +29,32 @@ constexpr const char* kCurl = "libcurl.so.4";
 constexpr const char* kSSL = "libssl.so.3";
 constexpr const char* kCrypto = "libcrypto.so.3";
 
-// The library's own definition of `name`. A library that cannot be had fails the exchange
-// that needed it, not the program.
+// The library, opened once. A library that cannot be had fails the exchange that needed it,
+// not the program.
+void* openLibrary(const char* library) {
+  void* handle = ::dlopen(library, RTLD_NOW | RTLD_LOCAL);
+  if (handle == nullptr) {
+    const char* why = ::dlerror();
+    throw VESKNetworkingException("Networking Error", std::string("Unable to load ") + library +
+                                                          ": " + (why != nullptr ? why : "?"));
+  }
+  return handle;
+}
+
+void* handleOf(const char* library) {
+  static void* const curl = openLibrary(kCurl);  // opens OpenSSL's libraries too
+  static void* const ssl = openLibrary(kSSL);
+  static void* const crypto = openLibrary(kCrypto);
+  return library == kCurl ? curl : library == kSSL ? ssl : crypto;
+}
+
+// The library's own definition of `name`.
 template <typename Function>
 Function resolve(const char* library, const char* name) {
-  void* handle = ::dlopen(library, RTLD_NOW | RTLD_LOCAL);
-  void* found = handle != nullptr ? ::dlsym(handle, name) : nullptr;
-  if (found == nullptr) {
-    const char* why = ::dlerror();
-    throw VESKNetworkingException("Networking Error", std::string("Unable to load ") + name +
-                                                          " from " + library + ": " +
-                                                          (why != nullptr ? why : "not found"));
-  }
+  void* found = ::dlsym(handleOf(library), name);
+  if (found == nullptr)
+    throw VESKNetworkingException("Networking Error",
+                                  std::string("Unable to find ") + name + " in " + library);
   return reinterpret_cast<Function>(found);
 }
 
@@ -68,23 +82,18 @@ Result forwardOption(Result (*real)(Handle*, Option, ...), Handle* handle, Optio
 
 }  // namespace
 
-extern "C" CURLcode curl_easy_setopt(CURL* curl, CURLoption option, ...) {
-  static const auto real = vesk::resolve<decltype(&::curl_easy_setopt)>(vesk::kCurl, __func__);
-  va_list arguments;
-  va_start(arguments, option);
-  const CURLcode result = forwardOption(real, curl, option, arguments);
-  va_end(arguments);
-  return result;
-}
+#define VESK_FORWARD_OPTION(result, name, handle_type, option_type)                \
+  extern "C" result name(handle_type* handle, option_type option, ...) {           \
+    static const auto real = vesk::resolve<decltype(&::name)>(vesk::kCurl, #name); \
+    va_list arguments;                                                             \
+    va_start(arguments, option);                                                   \
+    const result answer = forwardOption(real, handle, option, arguments);          \
+    va_end(arguments);                                                             \
+    return answer;                                                                 \
+  }
 
-extern "C" CURLMcode curl_multi_setopt(CURLM* multi, CURLMoption option, ...) {
-  static const auto real = vesk::resolve<decltype(&::curl_multi_setopt)>(vesk::kCurl, __func__);
-  va_list arguments;
-  va_start(arguments, option);
-  const CURLMcode result = forwardOption(real, multi, option, arguments);
-  va_end(arguments);
-  return result;
-}
+VESK_FORWARD_OPTION(CURLcode, curl_easy_setopt, CURL, CURLoption)
+VESK_FORWARD_OPTION(CURLMcode, curl_multi_setopt, CURLM, CURLMoption)
 
 // Every piece of information is answered through a pointer.
 extern "C" CURLcode curl_easy_getinfo(CURL* curl, CURLINFO info, ...) {

@@ -145,9 +145,11 @@ install_system() {
 }
 
 # A private system bus with the installed policy, at SOCKET (default: in $work).
+# POLICY (default: the installed client's file) is the configuration element that brings it in.
 start_bus() {
   local socket=${1:-$work/system_bus_socket}
-  sed "s|@SOCKET@|$socket|; s|@POLICY@|$root/usr/share/dbus-1/system.d/com.vesksoftware.vesk.conf|" \
+  local policy=${2:-<include>$root/usr/share/dbus-1/system.d/com.vesksoftware.vesk.conf</include>}
+  sed "s|@SOCKET@|$socket|; s|<include>@POLICY@</include>|$policy|" \
     "$source_dir/scripts/demo-bus.conf" >"$work/bus.conf"
   run_bg bus dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile
   bus_pid=$last
@@ -189,6 +191,18 @@ start_agent() {
   run_bg agent "${client[@]}" "${prefix[@]}" "$client_bin/veskAgent" -verbose "$@"
   agent_pid=$last
   expect_line agent "Monitoring for events..."
+}
+
+# Stand-ins in DIR for each TOOL, which record every call in FILE (its path where they run) as
+# "REAL-UID EFFECTIVE-UID XDG_RUNTIME_DIR TOOL ARGUMENTS".
+record_calls() {
+  local dir=$1 file=$2 tool
+  shift 2
+  for tool in "$@"; do
+    printf '#!/bin/sh\necho "$(id -ru) $(id -u) $XDG_RUNTIME_DIR %s $*" >>%s\n' "$tool" "$file" \
+      >"$dir/$tool"
+    chmod 0755 "$dir/$tool"
+  done
 }
 
 # The daemon's next post of NAME by root's agent, with every KEY; bare: one that carries no record.

@@ -19,30 +19,7 @@ deb=$(echo "$work"/package/veskagent_*.deb)
 # A system bus of our own at the system's socket, reading the system's policy folder.
 mount -t tmpfs tmpfs /run
 mkdir /run/dbus
-cat >"$work/bus.conf" <<XML
-<busconfig>
-  <type>system</type>
-  <listen>unix:path=/run/dbus/system_bus_socket</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <deny own="*"/>
-    <deny send_type="method_call"/>
-    <allow send_type="signal"/>
-    <allow send_requested_reply="true" send_type="method_return"/>
-    <allow send_requested_reply="true" send_type="error"/>
-    <allow receive_type="method_call"/>
-    <allow receive_type="method_return"/>
-    <allow receive_type="error"/>
-    <allow receive_type="signal"/>
-    <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
-  </policy>
-  <includedir>/usr/share/dbus-1/system.d</includedir>
-</busconfig>
-XML
-run_bg bus dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile
-export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket
-await test -S /run/dbus/system_bus_socket || fail "the bus did not start"
+start_bus /run/dbus/system_bus_socket "<includedir>/usr/share/dbus-1/system.d</includedir>"
 mkdir -p "$root"
 "$build/tools/vesk-center" serve >"$work/early.out" 2>&1 && fail "the name was ownable before"
 
@@ -74,9 +51,7 @@ kill -TERM "$last"
 # The agent's launchctl, called as the agent calls it (real user guest, effective root).
 id guest >/dev/null 2>&1 || useradd -M guest
 mount -t tmpfs tmpfs /usr/local/bin
-printf '#!/bin/sh\necho "$(id -ru) $(id -u) $XDG_RUNTIME_DIR $*" >>%s\n' "$work/recorded" \
-  >/usr/local/bin/systemctl
-chmod 0755 /usr/local/bin/systemctl
+record_calls /usr/local/bin "$work/recorded" systemctl
 install -m 0666 /dev/null "$work/recorded"
 for call in "unload /Library/LaunchAgents/com.vesksoftware.vesk.agent.plist" \
   "remove com.vesksoftware.vesk.agent"; do
@@ -84,9 +59,9 @@ for call in "unload /Library/LaunchAgents/com.vesksoftware.vesk.agent.plist" \
   setpriv --ruid=guest --euid=0 "$bin/launchctl" $call || fail "launchctl $call failed"
 done
 uid=$(id -u guest)
-expected="$uid $uid /run/user/$uid --user --no-block stop vesk-agent.service
-$uid $uid /run/user/$uid --user mask --runtime vesk-agent.service
-$uid $uid /run/user/$uid --user --no-block stop vesk-agent.service"
+expected="$uid $uid /run/user/$uid systemctl --user --no-block stop vesk-agent.service
+$uid $uid /run/user/$uid systemctl --user mask --runtime vesk-agent.service
+$uid $uid /run/user/$uid systemctl --user --no-block stop vesk-agent.service"
 [[ $(cat "$work/recorded") == "$expected" ]] || fail "launchctl ran: $(cat "$work/recorded")"
 
 DEBIAN_FRONTEND=noninteractive apt-get purge -y veskagent >"$work/apt.out" 2>&1 ||

@@ -12,9 +12,7 @@ as_nobody=(setpriv --reuid=65534 --regid=65534 --clear-groups)
   fail "the agent is not installed set-user-id root: $(stat -c '%A %U' "$bin/veskAgent")"
 mkdir -p "$root/home/guest"
 chown guest: "$root/home/guest"
-printf '#!/bin/sh\necho "$(id -ru) $XDG_RUNTIME_DIR systemctl $*" >>/tmp/recorded\n' \
-  >"$root/usr/local/bin/systemctl"
-chmod 0755 "$root/usr/local/bin/systemctl"
+record_calls "$root/usr/local/bin" /tmp/recorded systemctl
 
 # A root of the user's choosing that would, if the agent believed it, have it kill a root
 # process (through its PID file and its restricted list), run the user's launchctl as root and
@@ -114,7 +112,7 @@ wait "$agent_pid" && status=0 || status=$?
 [[ $status -eq 0 ]] || fail "the agent ended with status $status after stopDaemon"
 unchanged_evil
 guest_uid=$(id -u guest)
-[[ $(cat "$root/tmp/recorded") == "$guest_uid /run/user/$guest_uid systemctl --user --no-block stop vesk-agent.service" ]] ||
+[[ $(cat "$root/tmp/recorded") == "$guest_uid $guest_uid /run/user/$guest_uid systemctl --user --no-block stop vesk-agent.service" ]] ||
   fail "launchctl ran: $(cat "$root/tmp/recorded")"
 kill "$victim"
 echo "PASS"

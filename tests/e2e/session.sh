@@ -9,11 +9,7 @@ install_client
 # What the installed launchctl and message helper run, recorded: they look in /usr/local/bin
 # first, and this namespace has a folder of its own there.
 mount -t tmpfs tmpfs /usr/local/bin
-for tool in systemctl logger; do
-  printf '#!/bin/sh\necho "$(id -ru) $XDG_RUNTIME_DIR %s $*" >>%s/recorded\n' "$tool" "$work" \
-    >"/usr/local/bin/$tool"
-  chmod 0755 "/usr/local/bin/$tool"
-done
+record_calls /usr/local/bin "$work/recorded" systemctl logger
 # A log one byte short of rotating, nearly all of it a hole.
 log=$root/private/var/log/vesk.log
 truncate -s 99999999 "$log"
@@ -132,7 +128,7 @@ posted userLogOut "$front"
 center notify com.vesksoftware.vesk.stopDaemon
 wait "$agent_pid" && status=0 || status=$?
 [[ $status -eq 0 ]] || fail "the agent ended with status $status after stopDaemon"
-grep -qx "0 /run/user/0 systemctl --user --no-block stop vesk-agent.service" "$work/recorded" ||
+grep -qx "0 0 /run/user/0 systemctl --user --no-block stop vesk-agent.service" "$work/recorded" ||
   fail "launchctl did not stop the unit: $(cat "$work/recorded")"
 
 # Each event exactly once, in order.

@@ -127,11 +127,6 @@ class AgentRun : public ::testing::Test {
         test::pollUntil([&] { return nameOwner(systemBus(), kDaemonCenterName).has_value(); }));
     return daemon;
   }
-  static void stopDaemon(Peer& daemon) {
-    daemon.process->terminate();
-    daemon.process->waitUntilExit();
-    test::pollUntil([] { return !nameOwner(systemBus(), kDaemonCenterName).has_value(); });
-  }
   // The agent, verbose, once it monitors; `prefix` runs it (unshare, setpriv).
   Peer startAgent(std::vector<std::string> prefix = {}, std::vector<std::string> options = {},
                   bool monitoring = true) {
